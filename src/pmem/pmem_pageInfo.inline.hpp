@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cerrno>
+
+#include "pmem/pmem_pageInfo.hpp"
+#include "utils/errnoKeeper.hpp"
+#include "utils/reportAndDie.hpp"
+
+namespace oxpliv {
+
+inline PMEM_PageInfo* PMEM_PageInfo::page_info(long page_num) {
+  if (_page_info_base == nullptr) {
+    die("PMEM page_info_base is NULL");
+  }
+  // Compared as numbers of pages, where a negative one is far too large.
+  if (static_cast<unsigned long>(page_num) >= static_cast<unsigned long>(_page_info_top - _page_info_base)) {
+    die("Out of bounds PMEM Page Num");
+  }
+  return _page_info_base + page_num;
+}
+
+inline bool PMEM_PageInfo::is_funded() const {
+  const State seen = state();
+  return seen != NotFunded && seen != Disallowed;
+}
+
+inline bool PMEM_PageInfo::claim_pretouch_link() {
+  PMEM_PageInfo* unlisted = nullptr;
+  return _next_pretouch_page.compare_exchange_strong(unlisted, this, std::memory_order_acq_rel);
+}
+
+// The test and the add are one step: a count that is reset meanwhile must not wrap below zero.
+inline long PMEM_PageInfo::add_to(Relaxed<uint32_t>& count, int delta) {
+  uint32_t seen = count;
+  uint32_t sum = 0;
+  do {
+    if (delta < 0 && seen < 0U - static_cast<uint32_t>(delta)) {
+      return fail_with(EINVAL);
+    }
+    sum = seen + static_cast<uint32_t>(delta);
+  } while (!count.compare_exchange(seen, sum));
+  return sum;
+}
+
+inline void PMEM_PageInfo::check_in_table() const {
+  if (this >= _page_info_top) {
+    die("Out of bounds PMEM PageInfo");
+  }
+}
+
+inline void PMEM_PageInfo::check_state(State wanted, const char* message) const {
+  check_in_table();
+  if (state() != wanted) {
+    die(message);
+  }
+}
+
+inline void PMEM_PageInfo::change_state_to_free_from_notfunded() {
+  check_state(NotFunded, "Already a funded page");
+  set_state(Free);
+}
+
+inline void PMEM_PageInfo::change_state_to_free_from_allocated() {
+  check_state(Allocated, "Page not in allocated state");
+  set_state(Free);
+}
+
+inline void PMEM_PageInfo::change_state_to_not_funded_from_free() {
+  check_state(Free, "Page not in free state");
+  set_state(NotFunded);
+}
+
+inline void PMEM_PageInfo::change_state_to_allocated() {
+  check_in_table();
+  switch (state()) {
+    case Free:
+      set_state(Allocated);
+      return;
+    case NotFunded:
+      die("Trying to allocate a not funded page");
+    case Allocated:
+      die("Trying to allocate an allocated page");
+    case Disallowed:
+      die("Trying to allocate a disallowed page");
+  }
+  die("Unexpected state of page");
+}
+
+}  // namespace oxpliv

@@ -1,0 +1,132 @@
+#include "utils/firstFitAllocator.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <iterator>
+
+#include "utils/errnoKeeper.hpp"
+#include "utils/reportAndDie.hpp"
+
+namespace oxpliv {
+
+AOFirstFitAllocator::AOFirstFitAllocator(unsigned long start, unsigned long size) {
+  AOFirstFitAllocator::free_block(start, size);
+}
+
+unsigned long AOFirstFitAllocator::alloc_first_block(unsigned long& size) {
+  if (_free_list.empty()) {
+    return kNone;
+  }
+  const unsigned long start = _free_list.front().start();
+  size = _free_list.front().size();
+  _free_list.pop_front();
+  return start;
+}
+
+unsigned long AOFirstFitAllocator::alloc_block(unsigned long size) {
+  for (auto block = _free_list.begin(); block != _free_list.end(); ++block) {
+    if (block->size() < size) {
+      continue;
+    }
+    const unsigned long start = block->start();
+    if (block->size() == size) {
+      _free_list.erase(block);
+    } else {
+      block->shrink_from_front(size);
+    }
+    return start;
+  }
+  errno = ENOMEM;
+  return kNone;
+}
+
+long AOFirstFitAllocator::free_block(unsigned long start, unsigned long size) {
+  try {
+    insert_free_block(start, size);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return fail_with(ENOMEM);
+  }
+}
+
+void AOFirstFitAllocator::insert_free_block(unsigned long start, unsigned long size) {
+  const unsigned long end = start + size;
+  auto next = _free_list.begin();
+  while (next != _free_list.end() && start >= next->start()) {
+    ++next;
+  }
+  const bool has_next = next != _free_list.end();
+  const bool has_previous = next != _free_list.begin();
+  const auto previous = has_previous ? std::prev(next) : next;
+  if (has_next && end > next->start()) {
+    die("Overlapping with current chunk in AOFF List");
+  }
+  if (has_previous && previous->end() > start) {
+    die(has_next ? "Overlapping with previous chunk in AOFF List" : "Overlapping with last chunk in AOFF List");
+  }
+
+  const bool touches_next = has_next && end == next->start();
+  if (has_previous && previous->end() == start) {
+    previous->grow_from_back(size);
+    if (touches_next) {
+      previous->grow_from_back(next->size());
+      _free_list.erase(next);
+    }
+  } else if (touches_next) {
+    next->grow_from_front(size);
+  } else {
+    _free_list.emplace(next, start, end);
+  }
+}
+
+long AOFirstFitAllocator::alloc_specific(unsigned long start, unsigned long size) {
+  try {
+    for (auto block = _free_list.begin(); block != _free_list.end() && block->start() <= start; ++block) {
+      if (block->start() == start || start < block->end()) {
+        return take_from(block, start, start + size) ? 0 : fail_with(ENOMEM);
+      }
+    }
+  } catch (const std::bad_alloc&) {
+  }
+  return fail_with(ENOMEM);
+}
+
+bool AOFirstFitAllocator::take_from(FreeList::iterator block, unsigned long start, unsigned long end) {
+  if (end > block->end()) {
+    return false;
+  }
+  if (block->start() == start && block->end() == end) {
+    _free_list.erase(block);
+  } else if (block->start() == start) {
+    block->shrink_from_front(end - start);
+  } else if (block->end() == end) {
+    block->shrink_from_back(end - start);
+  } else {
+    _free_list.emplace_back(end, block->end());  // the range in front keeps covering what was taken
+  }
+  return true;
+}
+
+void AOFirstFitAllocator::free_blocks_do_closure(Allocator_Closure* closure) {
+  for (const AddressBlock block : _free_list) {
+    closure->do_closure(block.start(), block.size());
+  }
+}
+
+void AOFirstFitAllocator::print_freelist() {
+  for (const AddressBlock& block : _free_list) {
+    for (unsigned long unit = block.start(); unit != block.end(); ++unit) {
+      std::printf("%lu ", unit);
+    }
+  }
+  std::printf("\n");
+}
+
+void AOFirstFitAllocator::print_freeblocks() {
+  for (const AddressBlock& block : _free_list) {
+    std::printf("[%lu-%lu], ", block.start(), block.end() - 1);
+  }
+  std::printf("\n");
+}
+
+}  // namespace oxpliv

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <list>
+
+#include "utils/customCHeapAllocator.hpp"
+#include "utils/relaxed.hpp"
+#include "vmem/vmem_pageCache.hpp"
+#include "vmem/vmem_pageManager.hpp"
+
+namespace oxpliv {
+
+// A page cache with one last-in-first-out list for each block size.
+//
+// Owns:      the lists; array, lists and nodes count as internal usage. The list of the largest size is left alone when
+// the
+//            cache goes.
+// Locking:   _mutex guards everything; it is taken before the page manager's mutex and before an account's.
+// Invariant: _cached_pages is the sum over all lists of entries x size, except inside a flush.
+class VMEM_PerSizeListPageCache : public VMEM_PageCache {
+ public:
+  VMEM_PerSizeListPageCache(VMEM_PageManager* page_manager, int account);
+  ~VMEM_PerSizeListPageCache() override;
+  VMEM_PerSizeListPageCache(const VMEM_PerSizeListPageCache&) = delete;
+  VMEM_PerSizeListPageCache& operator=(const VMEM_PerSizeListPageCache&) = delete;
+
+  long initialize(int max_bucket_pages) override;
+  long allocate_block_from_cache(int pages) override;
+  long free_block_to_cache(long offset, int pages) override;
+  long flush_cache(unsigned long pages) override;
+  unsigned long cached_size() override { return _cached_pages; }
+  void fetch_watermarks(unsigned long& min, unsigned long& max) override;
+  long reset_watermarks(int account) override;
+  void get_stats(ox_pliv_space_stats_t* stats) override;
+  void report_stats() override;
+  pthread_mutex_t* mutex() override { return &_mutex; }
+
+ private:
+  using Bucket = std::list<long, CustomCHeapAllocator<long>>;
+
+  unsigned long bucket_array_bytes() const;
+  bool push_to_bucket(long offset, int pages);
+  long flush_bucket(int pages, unsigned long limit, unsigned long& flushed);
+
+  Bucket** _buckets = nullptr;  // index: block size in pages; index 0 is never used
+  pthread_mutex_t _mutex{};
+  VMEM_PageManager* const _page_manager;
+  const int _account;
+  Relaxed<unsigned long> _cached_pages;
+  Relaxed<unsigned long> _cached_pages_min;
+  Relaxed<unsigned long> _cached_pages_max;
+  unsigned long _lookup_hits = 0;
+  unsigned long _lookup_misses = 0;
+  unsigned long _partial_flushes = 0;
+  unsigned long _full_flushes = 0;
+  int _max_bucket_pages = 0;
+  bool _initialized = false;
+};
+
+}  // namespace oxpliv
