@@ -37,6 +37,9 @@
 extern "C" {
 #endif
 
+/* The library is built with hidden symbols; what is declared here is what it exports. */
+#pragma GCC visibility push(default)
+
 /* ---- Initialization and callbacks ------------------------------------------------------------------------------- */
 
 /*
@@ -498,6 +501,8 @@ int32_t ox_pmem_get_rcontrol_pliv(void);
 
 /* Does nothing and returns 0. */
 int64_t ox_pmem_set_account_funds_pliv(void);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,295 @@
+#include "faults.hpp"
+
+#include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
+
+namespace oxtest {
+
+namespace {
+
+struct CallState {
+  std::atomic<int> count{0};
+  std::atomic<int> skip{0};
+  std::atomic<int> times{0};
+  std::atomic<int> error{0};
+};
+
+std::array<CallState, static_cast<size_t>(Call::kCount)> states;
+
+CallState& state_of(Call call) {
+  return states[static_cast<size_t>(call)];
+}
+
+// Counts a call; the error that it is to fail with, or 0.
+int pending_error(Call call) {
+  CallState& state = state_of(call);
+  state.count.fetch_add(1);
+  if (state.times.load() == 0) {
+    return 0;
+  }
+  if (state.skip.fetch_sub(1) > 0) {
+    return 0;
+  }
+  if (state.times.fetch_sub(1) <= 0) {
+    state.times.store(0);
+    return 0;
+  }
+  return state.error.load();
+}
+
+template <typename Result>
+Result failure(int error) {
+  errno = error;
+  if constexpr (std::is_pointer_v<Result>) {
+    return static_cast<Result>(MAP_FAILED);
+  } else {
+    return static_cast<Result>(-1);
+  }
+}
+
+template <typename Result, typename... Args>
+Result dispatch(Call call, const std::function<Result(Args...)>& replacement, Result (*real_function)(Args...),
+                Args... args) {
+  const int error = pending_error(call);
+  if (error != 0) {
+    return failure<Result>(error);
+  }
+  return replacement ? replacement(args...) : real_function(args...);
+}
+
+// The pthread functions answer with the error instead of setting errno.
+template <typename... Args>
+int dispatch_pthread(Call call, const std::function<int(Args...)>& replacement, int (*real_function)(Args...),
+                     Args... args) {
+  const int error = pending_error(call);
+  if (error != 0) {
+    return error;
+  }
+  return replacement ? replacement(args...) : real_function(args...);
+}
+
+std::map<std::string, std::optional<std::string>>& replaced_files() {
+  static std::map<std::string, std::optional<std::string>> files;
+  return files;
+}
+
+}  // namespace
+
+#define OXTEST_DEFINE(name) decltype(Faults::on_##name) Faults::on_##name
+OXTEST_DEFINE(mmap64);
+OXTEST_DEFINE(munmap);
+OXTEST_DEFINE(mprotect);
+OXTEST_DEFINE(madvise);
+OXTEST_DEFINE(fallocate64);
+OXTEST_DEFINE(ftruncate64);
+OXTEST_DEFINE(open64);
+OXTEST_DEFINE(close);
+OXTEST_DEFINE(unlink);
+OXTEST_DEFINE(access);
+OXTEST_DEFINE(statfs64);
+OXTEST_DEFINE(fstatfs64);
+OXTEST_DEFINE(syscall);
+OXTEST_DEFINE(sysconf);
+OXTEST_DEFINE(uname);
+OXTEST_DEFINE(getpid);
+OXTEST_DEFINE(nanosleep);
+OXTEST_DEFINE(sched_yield);
+OXTEST_DEFINE(pthread_mutex_init);
+OXTEST_DEFINE(pthread_mutex_lock);
+OXTEST_DEFINE(pthread_mutex_unlock);
+OXTEST_DEFINE(pthread_sigmask);
+#undef OXTEST_DEFINE
+
+void Faults::fail(Call call, int error, int skip, int times) {
+  CallState& state = state_of(call);
+  state.error = error;
+  state.skip = skip;
+  state.times = times;
+}
+
+int Faults::count(Call call) {
+  return state_of(call).count;
+}
+
+void Faults::replace_file(const std::string& path, std::optional<std::string> content) {
+  replaced_files()[path] = std::move(content);
+}
+
+void Faults::reset() {
+  for (CallState& state : states) {
+    state.count = 0;
+    state.skip = 0;
+    state.times = 0;
+    state.error = 0;
+  }
+  replaced_files().clear();
+  on_mmap64 = nullptr;
+  on_munmap = nullptr;
+  on_mprotect = nullptr;
+  on_madvise = nullptr;
+  on_fallocate64 = nullptr;
+  on_ftruncate64 = nullptr;
+  on_open64 = nullptr;
+  on_close = nullptr;
+  on_unlink = nullptr;
+  on_access = nullptr;
+  on_statfs64 = nullptr;
+  on_fstatfs64 = nullptr;
+  on_syscall = nullptr;
+  on_sysconf = nullptr;
+  on_uname = nullptr;
+  on_getpid = nullptr;
+  on_nanosleep = nullptr;
+  on_sched_yield = nullptr;
+  on_pthread_mutex_init = nullptr;
+  on_pthread_mutex_lock = nullptr;
+  on_pthread_mutex_unlock = nullptr;
+  on_pthread_sigmask = nullptr;
+}
+
+void pretend_kernel(const std::string& release) {
+  Faults::on_uname = [release](utsname* buffer) {
+    const int result = real::uname(buffer);
+    std::memset(buffer->release, 0, sizeof buffer->release);
+    release.copy(buffer->release, sizeof buffer->release - 1);
+    return result;
+  };
+}
+
+}  // namespace oxtest
+
+// The linker's names: __wrap_X is what the library calls as X, __real_X the function of the C library.
+#define OXTEST_WRAP(result, name, dispatcher, parameters, ...)                 \
+  extern "C" result __real_##name parameters;                                  \
+  extern "C" result __wrap_##name parameters {                                 \
+    return oxtest::dispatcher(oxtest::Call::name, oxtest::Faults::on_##name,   \
+                              &oxtest::real::name __VA_OPT__(, ) __VA_ARGS__); \
+  }
+
+#define OXTEST_REAL(result, name, parameters, ...) \
+  result oxtest::real::name parameters {           \
+    return __real_##name(__VA_ARGS__);             \
+  }
+
+OXTEST_WRAP(void*, mmap64, dispatch, (void* a, size_t b, int c, int d, int e, off64_t f), a, b, c, d, e, f)
+OXTEST_WRAP(int, munmap, dispatch, (void* a, size_t b), a, b)
+OXTEST_WRAP(int, mprotect, dispatch, (void* a, size_t b, int c), a, b, c)
+OXTEST_WRAP(int, madvise, dispatch, (void* a, size_t b, int c), a, b, c)
+OXTEST_WRAP(int, fallocate64, dispatch, (int a, int b, off64_t c, off64_t d), a, b, c, d)
+OXTEST_WRAP(int, ftruncate64, dispatch, (int a, off64_t b), a, b)
+OXTEST_WRAP(int, close, dispatch, (int a), a)
+OXTEST_WRAP(int, unlink, dispatch, (const char* a), a)
+OXTEST_WRAP(int, access, dispatch, (const char* a, int b), a, b)
+OXTEST_WRAP(int, statfs64, dispatch, (const char* a, struct statfs64* b), a, b)
+OXTEST_WRAP(int, fstatfs64, dispatch, (int a, struct statfs64* b), a, b)
+OXTEST_WRAP(long, sysconf, dispatch, (int a), a)
+OXTEST_WRAP(int, uname, dispatch, (utsname * a), a)
+OXTEST_WRAP(int, getpid, dispatch, ())
+OXTEST_WRAP(int, nanosleep, dispatch, (const timespec* a, timespec* b), a, b)
+OXTEST_WRAP(int, sched_yield, dispatch, ())
+OXTEST_WRAP(int, pthread_mutex_init, dispatch_pthread, (pthread_mutex_t * a, const pthread_mutexattr_t* b), a, b)
+OXTEST_WRAP(int, pthread_mutex_lock, dispatch_pthread, (pthread_mutex_t * a), a)
+OXTEST_WRAP(int, pthread_mutex_unlock, dispatch_pthread, (pthread_mutex_t * a), a)
+OXTEST_WRAP(int, pthread_sigmask, dispatch_pthread, (int a, const sigset_t* b, sigset_t* c), a, b, c)
+
+OXTEST_REAL(void*, mmap64, (void* a, size_t b, int c, int d, int e, off64_t f), a, b, c, d, e, f)
+OXTEST_REAL(int, munmap, (void* a, size_t b), a, b)
+OXTEST_REAL(int, mprotect, (void* a, size_t b, int c), a, b, c)
+OXTEST_REAL(int, madvise, (void* a, size_t b, int c), a, b, c)
+OXTEST_REAL(int, fallocate64, (int a, int b, off64_t c, off64_t d), a, b, c, d)
+OXTEST_REAL(int, ftruncate64, (int a, off64_t b), a, b)
+OXTEST_REAL(int, close, (int a), a)
+OXTEST_REAL(int, unlink, (const char* a), a)
+OXTEST_REAL(int, access, (const char* a, int b), a, b)
+OXTEST_REAL(int, statfs64, (const char* a, struct statfs64* b), a, b)
+OXTEST_REAL(int, fstatfs64, (int a, struct statfs64* b), a, b)
+OXTEST_REAL(long, sysconf, (int a), a)
+OXTEST_REAL(int, uname, (utsname * a), a)
+OXTEST_REAL(int, getpid, ())
+OXTEST_REAL(int, nanosleep, (const timespec* a, timespec* b), a, b)
+OXTEST_REAL(int, sched_yield, ())
+OXTEST_REAL(int, pthread_mutex_init, (pthread_mutex_t * a, const pthread_mutexattr_t* b), a, b)
+OXTEST_REAL(int, pthread_mutex_lock, (pthread_mutex_t * a), a)
+OXTEST_REAL(int, pthread_mutex_unlock, (pthread_mutex_t * a), a)
+OXTEST_REAL(int, pthread_sigmask, (int a, const sigset_t* b, sigset_t* c), a, b, c)
+
+// Two functions with variable arguments.
+extern "C" int __real_open64(const char* path, int flags, ...);
+extern "C" int __wrap_open64(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  return oxtest::dispatch(oxtest::Call::open64, oxtest::Faults::on_open64, &oxtest::real::open64, path, flags, mode);
+}
+int oxtest::real::open64(const char* path, int flags, mode_t mode) {
+  return __real_open64(path, flags, mode);
+}
+
+extern "C" long __real_syscall(long number, ...);
+extern "C" long __wrap_syscall(long number, ...) {
+  va_list arguments;
+  va_start(arguments, number);
+  const long a1 = va_arg(arguments, long);
+  const long a2 = va_arg(arguments, long);
+  const long a3 = va_arg(arguments, long);
+  va_end(arguments);
+  return oxtest::dispatch(oxtest::Call::syscall, oxtest::Faults::on_syscall, &oxtest::real::syscall, number, a1, a2,
+                          a3);
+}
+long oxtest::real::syscall(long number, long a1, long a2, long a3) {
+  return __real_syscall(number, a1, a2, a3);
+}
+
+// Heap memory, as operator new gives it to the library (the linker sends only statically linked code here).
+extern "C" void* __real__Znwm(size_t size);
+extern "C" void* __wrap__Znwm(size_t size) {
+  if (oxtest::pending_error(oxtest::Call::operator_new) != 0) {
+    throw std::bad_alloc();
+  }
+  return __real__Znwm(size);
+}
+
+extern "C" void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+extern "C" void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+  return oxtest::pending_error(oxtest::Call::operator_new_nothrow) != 0 ? nullptr
+                                                                        : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+
+extern "C" void* __real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+extern "C" void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+  return oxtest::pending_error(oxtest::Call::operator_new_nothrow) != 0 ? nullptr
+                                                                        : __real__ZnamRKSt9nothrow_t(size, tag);
+}
+
+// The streams of the standard library open their files through this function. The replacement has a descriptor, which
+// the streams read from.
+extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path, const char* mode) {
+  const auto found = oxtest::replaced_files().find(path);
+  if (found == oxtest::replaced_files().end()) {
+    static const auto next = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen64"));
+    return next(path, mode);
+  }
+  if (!found->second.has_value()) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  const std::string& content = *found->second;
+  const int fd = static_cast<int>(__real_syscall(SYS_memfd_create, "replaced_file", 0L, 0L));
+  if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+      lseek(fd, 0, SEEK_SET) != 0) {
+    return nullptr;
+  }
+  return fdopen(fd, "r");
+}
