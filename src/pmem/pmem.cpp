@@ -478,18 +478,19 @@ long PMEM::allocate_pages(unsigned long pages, int index, unsigned char zone) {
 
 long PMEM::allocate_from_zones(unsigned long pages, int index, const Relaxed<unsigned char>* zones, unsigned zone_count,
                                ZoneFilter filter) {
-  errno = ENOMEM;
+  bool tried = false;
   for (unsigned i = 0; i < zone_count; ++i) {
     const auto zone = zones == nullptr ? static_cast<unsigned char>(i) : static_cast<unsigned char>(zones[i]);
     if (filter != ZoneFilter::All && zone_supports_multi_page(zone) != (filter == ZoneFilter::WithBlocks)) {
       continue;
     }
+    tried = true;
     const long page = allocate_pages(pages, index, zone);
     if (page != kNoPage || errno != ENOMEM) {
       return page;
     }
   }
-  return kNoPage;
+  return tried ? kNoPage : fail_with(ENOMEM);
 }
 
 long PMEM::allocate_block_from_zones(unsigned long pages, int index, const Relaxed<unsigned char>* zones,
