@@ -366,6 +366,7 @@ int64_t ox_pmem_get_account_usage_pliv(unsigned int, void* buffer, const uint64_
   std::memset(buffer, 0, *size);
   auto* const usage = static_cast<ox_pliv_account_usage_buffer_t*>(buffer);
   usage->record_count = OX_PLIV_ACCOUNT_COUNT;
+  usage->reserved = 0;
   for (int account = 0; account < OX_PLIV_ACCOUNT_COUNT; ++account) {
     VMEM::get_account_usage(account, &usage->accounts[account]);  // a disabled account's record stays as it is
   }
