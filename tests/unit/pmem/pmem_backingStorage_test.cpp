@@ -1,29 +1,45 @@
 #include "pmem/pmem_backingStorage.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <filesystem>
+#include <string>
+#include <vector>
 
 #include "fixtures.hpp"
+#include "storageFixture.hpp"
+#include "utils/os.hpp"
 
 namespace {
 
 using namespace oxpliv;
 using oxtest::Call;
 using oxtest::Faults;
+using oxtest::kForever;
+using oxtest::kHugetlbfs;
+using oxtest::kMeminfo;
+using oxtest::kMountinfo;
+using oxtest::kPage;
+using oxtest::kShmemEnabled;
+using oxtest::kThpEnabled;
+using oxtest::kTmpfs;
+using oxtest::LogCapture;
+using oxtest::LogLine;
+namespace real = oxtest::real;
 
-class BackingStorageTest : public oxtest::FaultTest {
- protected:
-  static constexpr unsigned long kPage = 1UL << 21;
-};
+constexpr int kMfdCloexec = 1;
+constexpr int kMfdHugetlb = 4;
+constexpr const char* kBare = "";
+constexpr const char* kExplicit = " using explicit huge pages";
+constexpr const char* kTransparent = " using transparent huge pages";
+constexpr const char* kMadvise = " in madvise mode";
 
-TEST_F(BackingStorageTest, CommitMemory_FileSystemFullAtThirdBlock_KeepsTwoBlocksAndAnswersEnomem) {
-  ASSERT_EQ(PMEM_BackingStorage::initialize(0, 8 * kPage, false, false, false, nullptr), 0);
-  ASSERT_EQ(PMEM_BackingStorage::resize(8 * kPage), 0);
-  Faults::fail(Call::fallocate64, ENOSPC, 2);
-  unsigned long committed = 0;
-  EXPECT_EQ(PMEM_BackingStorage::commit_memory(kPage, 4 * kPage, committed), -1);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_EQ(committed, 2 * kPage);
-  EXPECT_EQ(PMEM_BackingStorage::committed_watermark_bytes(), 3 * kPage);
-}
+using Lines = std::vector<LogLine>;
 
 }  // namespace
