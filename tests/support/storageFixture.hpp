@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ inline constexpr const char* kMeminfo = "/proc/meminfo";
 inline constexpr const char* kMountinfo = "/proc/self/mountinfo";
 inline constexpr const char* kThpEnabled = "/sys/kernel/mm/transparent_hugepage/enabled";
 inline constexpr const char* kShmemEnabled = "/sys/kernel/mm/transparent_hugepage/shmem_enabled";
+
+inline void PrintTo(const LogLine& line, std::ostream* out) {
+  *out << line.level << " \"" << line.message << "\"";
+}
 
 struct MapCall {
   void* address;
