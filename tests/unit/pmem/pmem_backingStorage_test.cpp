@@ -996,6 +996,15 @@ TEST_F(BackingStorageTmpfsThpTest, SetThpFlagsForTmpfs_UnknownOrOtherFileSystem_
   }
 }
 
+TEST_F(BackingStorageTmpfsThpTest, SetThpFlagsForTmpfs_DirectoryMentionedTwice_ReadsNoFurtherThanTheFirst) {
+  transparent_pages_on_advice();
+  ASSERT_EQ(start({.transparent_pages = true}), 0);
+  Faults::replace_file(kMountinfo, "2 /dev/shm rw\n3 /dev/shm rw,huge=advise\n4 /dev/shm rw,huge=always\n");
+  PMEM_BackingStorage::set_thp_flags_for_tmpfs("/dev/shm");
+  EXPECT_FALSE(Storage::using_transparent_huge_pages());
+  EXPECT_FALSE(advises_mappings());
+}
+
 TEST_F(BackingStorageTmpfsThpTest, Initialize_NamedFileOnAdvisedMount_TellsAllInItsMessage) {
   const oxtest::TemporaryMount mount("tmpfs", "size=16M,huge=advise");
   if (!mount.valid()) {
@@ -1153,6 +1162,18 @@ TEST_F(BackingStorageProbeTest, Initialize_HugePageSizeUnknown_GoesOn) {
   meminfo(64L << 20, 0, std::nullopt);
   EXPECT_EQ(start({.transparent_pages = true}), 0);
   EXPECT_EQ(Storage::huge_page_size_bytes(), -1);
+}
+
+TEST_F(BackingStorageProbeTest, Initialize_HugePageSizeZero_GoesOnAndCommits) {
+  meminfo(64L << 20, 0, 0);
+  for (const char* kernel : {"4.19.6", "4.19.7"}) {
+    SCOPED_TRACE(kernel);
+    run_on_kernel(kernel);
+    EXPECT_EQ(start({.transparent_pages = true}), 0);
+    EXPECT_EQ(Storage::huge_page_size_bytes(), 0);
+    EXPECT_EQ(Storage::resize(kPage), 0);
+    EXPECT_EQ(Storage::commit_memory_block(0), 0);  // and no division by the size
+  }
 }
 
 TEST_F(BackingStorageProbeTest, Initialize_ProbeCannotBeAdvisedOrShut_GoesOn) {
