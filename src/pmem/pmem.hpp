@@ -18,8 +18,7 @@ namespace oxpliv {
 //
 // Owns:      nothing but its numbers.
 // Locking:   _mutex guards every number. _funded_pages is also added to without it, atomically, since zones commit
-// pages
-//            while other threads debit. No code holds two accounts' mutexes.
+//            pages while other threads debit. No code holds two accounts' mutexes.
 // Invariant: fund == used + balance.
 class PMEM_Account {
  public:
@@ -98,8 +97,7 @@ class PMEM_Account {
 //
 // Owns:      the eight account slots; accounts are created on first use and never freed.
 // Locking:   none of its own but the one that serialises growing the file. Slots and counters are atomics; accounts,
-// zones
-//            and pages protect themselves.
+//            zones and pages protect themselves.
 // Invariant: _total_ref_count and _populated_page_count are never below the sums of the page records' counts that they
 //            stand for.
 // Results are 0, or -1 with errno, unless said otherwise. Page numbers outside the page table are fatal.

@@ -9,8 +9,8 @@ namespace oxpliv {
 // The one file that supplies all physical memory: physical page n is the 2 MiB at byte offset n x 2 MiB.
 //
 // Owns:      the file's descriptor. The file has no name (or loses it at once), so nothing is left when the process
-// ends. Locking:   none. initialize runs once, before all else; afterwards the flags are read-only and the two sizes
-// atomic.
+//            ends.
+// Locking:   none. initialize runs once, before all else; afterwards the flags are read-only and the two sizes atomic.
 //            Work on different offsets may go on at once; the callers serialise work on the same page, and resize.
 // Invariant: the file's length and the committed watermark never fall.
 // Results are 0, or -1 with the errno of the system call unless said otherwise.

@@ -15,9 +15,8 @@ namespace oxpliv {
 //
 // Owns:      the defunded list: pages whose memory was given back, as page ranges.
 // Locking:   two mutexes. The free-list mutex guards the free list of the derived class and free_pages; the
-// defunded-list
-//            mutex guards the defunded list and defunded_pages. When both are held the defunded-list mutex was taken
-//            first. Counters are written under their mutex and may be read without.
+//            defunded-list mutex guards the defunded list and defunded_pages. When both are held the defunded-list
+//            mutex was taken first. Counters are written under their mutex and may be read without.
 // Invariant: a page is on the free list, or handed out, or on the defunded list, or in flight inside one chunk.
 // Results are 0, or -1 with errno; inconsistencies are fatal.
 class PMEM_PageAllocator {
@@ -179,11 +178,10 @@ class RefreshFundedPage_Closure : public Allocator_Closure {
 //
 // Owns:      the free ranges of page numbers.
 // Locking:   the free-list mutex guards the ranges; every operation holds it for its whole run, except that
-// uncommitting
-//            releases it before the defunded-list mutex is taken, and that recommitting commits without it.
+//            uncommitting releases it before the defunded-list mutex is taken, and that recommitting commits without
+//            it.
 // Invariant: a free range holds pages NotFunded or Free. An Allocated page stays inside one only after it was taken
-// from
-//            strictly inside a range (see AOFirstFitAllocator::alloc_specific).
+//            from strictly inside a range (see AOFirstFitAllocator::alloc_specific).
 class PMEM_AOFFList : public PMEM_FreeList {
  public:
   long add_pages(long start, long end) override;

@@ -14,8 +14,7 @@ namespace oxpliv {
 //
 // Owns:      nothing; the records live in one table, mapped once and never moved.
 // Locking:   the byte lock guards committing, uncommitting and touching the page. The state is read without it as a
-// fast
-//            path and again under it before acting. The links belong to the lists that use them; the counters are
+//            fast path and again under it before acting. The links belong to the lists that use them; the counters are
 //            changed by atomic read-modify-writes only.
 // Invariant: NotFunded <-> Free <-> Allocated are the only transitions; a page in state Free or Allocated has memory.
 class PMEM_PageInfo {

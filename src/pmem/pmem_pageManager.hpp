@@ -14,9 +14,8 @@ namespace oxpliv {
 //
 // Owns:      the zones, which are numbered in order of creation and live until the process ends.
 // Locking:   _mutex serialises add_zone; _growth_mutex serialises what moves a zone's watermark or fund cursor, so that
-// no
-//            two threads commit or add the same pages. A zone's slot is filled before the count that makes it visible
-//            is raised, so everything else reads the table without a lock.
+//            no two threads commit or add the same pages. A zone's slot is filled before the count that makes it
+//            visible is raised, so everything else reads the table without a lock.
 // Results are 0, or -1 with errno, unless said otherwise. A page number outside the page table is fatal.
 class PMEM_PageManager {
  public:

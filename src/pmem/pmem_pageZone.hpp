@@ -13,8 +13,7 @@ namespace oxpliv {
 // Locking:   none of its own. Allocating and freeing rely on the free list and the page records. Growing and initial
 //            funding are serialised by the page manager.
 // Invariant: pages [start, start + max) carry the zone's id; pages [start, start + watermark) were given to the free
-// list;
-//            start <= fund cursor <= fund limit.
+//            list; start <= fund cursor <= fund limit.
 // Results are 0, or -1 with errno; whatever the free list answers is checked, and an inconsistency is fatal.
 class PMEM_PageZone {
  public:

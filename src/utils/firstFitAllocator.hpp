@@ -48,7 +48,7 @@ class Allocator {
 // Owns:      the list of free ranges; its nodes count as internal usage.
 // Locking:   none inside; every user holds a mutex of its own around every call.
 // Invariant: ranges in increasing order, neither overlapping nor touching. Only alloc_specific inside a range breaks
-// it. Sizes of 0 are not rejected, and start + size is not checked for overflow.
+//            it. Sizes of 0 are not rejected, and start + size is not checked for overflow.
 class AOFirstFitAllocator : public Allocator {
  public:
   static constexpr unsigned long kNone = ~0UL;

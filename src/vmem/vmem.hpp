@@ -14,10 +14,9 @@ namespace oxpliv {
 //
 // Owns:      the space managers; ids count up from 0 and are never used again.
 // Locking:   none. Spaces are registered and unregistered by one thread at a time; a slot is filled before the count
-// that
-//            makes it visible is raised, so lookups run at any time.
-// Invariant: an id below the count whose slot is not null is a registered space.
-// An unknown space id answers -1 with EINVAL; everything else is the result of the part called.
+//            that makes it visible is raised, so lookups run at any time.
+// Invariant: an id below the count whose slot is not null is a registered space. An unknown space id answers -1 with
+//            EINVAL; everything else is the result of the part called.
 class VMEM {
  public:
   static constexpr long kMaxSpaces = 32;

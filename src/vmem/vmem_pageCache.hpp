@@ -7,8 +7,8 @@
 namespace oxpliv {
 
 // Keeps freed blocks of a space, with their pages and mappings, for the next allocation of the same size. Blocks are
-// named by their byte offset from the alias base, which is the same in every alias. Results are 0, or -1, unless said
-// otherwise.
+// named by their byte offset from the alias base, which is the same in every alias.
+// Results are 0, or -1, unless said otherwise.
 class VMEM_PageCache {
  public:
   virtual long initialize(int max_bucket_pages) = 0;

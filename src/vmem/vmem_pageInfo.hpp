@@ -48,8 +48,7 @@ class VMEM_PageInfo {
   void initialize_as_invalid() { set_state(Invalid); }
 
   // State changes, on the first record of a block and reaching over the records behind. All return 0; a wrong state or
-  // size is fatal.
-  // One run of a block whose runs are obtained one by one; pmem_page -1 records that none could be had.
+  // size is fatal. One run of a block whose runs are obtained one by one; pmem_page -1 records that none could be had.
   long change_state_to_allocating(long pmem_page, int map_size);
   // A whole block behind which all runs are recorded.
   long change_state_to_allocated_from_allocating();

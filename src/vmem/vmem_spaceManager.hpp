@@ -13,8 +13,7 @@ namespace oxpliv {
 //
 // Owns:      the page manager and the cache.
 // Locking:   none of its own. Aliases are registered by one thread before the space's first block; an alias is filled
-// in
-//            before the count that makes it visible is raised. Population is done by one thread at a time.
+//            in before the count that makes it visible is raised. Population is done by one thread at a time.
 // Invariant: a block in the cache is mapped at every alias that its space maps, and has no active references.
 // Addresses answer kNoAddress on failure, everything else -1, with errno.
 class VMEM_SpaceManager {

@@ -867,7 +867,7 @@ std::string thp_row_name(const testing::TestParamInfo<ThpRow>& info) {
 }
 
 std::string suffixes(const ThpRow& row) {
-  return std::string(row.requested ? kTransparent : kBare) + (row.madvise ? kMadvise : kBare);
+  return std::string(row.transparent ? kTransparent : kBare) + (row.madvise ? kMadvise : kBare);
 }
 
 std::optional<std::string> file_text(const char* text) {
