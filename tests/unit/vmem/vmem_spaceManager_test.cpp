@@ -1,6 +1,7 @@
 #include "vmem/vmem_spaceManager.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <memory>
 #include <string>
