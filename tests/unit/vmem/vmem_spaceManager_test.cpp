@@ -52,7 +52,7 @@ class SpaceManagerTest : public FaultTest {
 
   // Spaces outlive the tests, as they outlive everything in a runtime that does not unregister them.
   static VMEM_SpaceManager& new_space() {
-    static std::vector<std::unique_ptr<VMEM_SpaceManager>> spaces;
+    static auto& spaces = *new std::vector<std::unique_ptr<VMEM_SpaceManager>>;
     spaces.push_back(std::make_unique<VMEM_SpaceManager>());
     return *spaces.back();
   }
