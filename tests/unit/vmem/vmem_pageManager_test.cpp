@@ -1,7 +1,8 @@
 #include "vmem/vmem_pageManager.hpp"
 
+#include <pthread.h>
+
 #include <atomic>
-#include <barrier>
 #include <cerrno>
 #include <set>
 #include <string>
@@ -17,7 +18,6 @@ using namespace oxpliv;
 using oxtest::Call;
 using oxtest::dies_with;
 using oxtest::Faults;
-using oxtest::kForever;
 using oxtest::kPage;
 using oxtest::LogCapture;
 using oxtest::PhysicalPage;
@@ -1540,12 +1540,13 @@ TEST_F(MultimapBetweenTest, TwoThreads_ReleasingASharedBlock_PagesFreedExactlyOn
         refused.fetch_add(1);
       }
     };
-    std::barrier step(2);
+    pthread_barrier_t step;
+    ASSERT_EQ(pthread_barrier_init(&step, nullptr, 2), 0);
     std::thread other([&] {
       for (int round = 0; round < kRounds; ++round) {
-        step.arrive_and_wait();
+        pthread_barrier_wait(&step);
         release(*target, _target.base(), target_block);
-        step.arrive_and_wait();
+        pthread_barrier_wait(&step);
       }
     });
     int wrong_rounds = 0;
@@ -1556,12 +1557,13 @@ TEST_F(MultimapBetweenTest, TwoThreads_ReleasingASharedBlock_PagesFreedExactlyOn
       target_block = target->multimap_block_from_manager(_target.base(), source.get(), _space.base(), source_block,
                                                          kBlock, kReadWrite, false);
       shared = shared && target->add_active_ref_count(_target.base(), target_block, kBlock, 1) == 2;
-      step.arrive_and_wait();
+      pthread_barrier_wait(&step);
       release(*source, _space.base(), source_block);
-      step.arrive_and_wait();
+      pthread_barrier_wait(&step);
       wrong_rounds += shared && last_holders.exchange(0) == 1 && used_pages() == 0 ? 0 : 1;
     }
     other.join();
+    pthread_barrier_destroy(&step);
     EXPECT_EQ(wrong_rounds, 0);
     EXPECT_EQ(refused.load(), 0);
     EXPECT_TRUE(allocated_pages().empty());
