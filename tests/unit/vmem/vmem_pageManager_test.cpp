@@ -1,7 +1,5 @@
 #include "vmem/vmem_pageManager.hpp"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cerrno>
 #include <set>
@@ -1520,56 +1518,93 @@ TEST_F(PageManagerTest, TwoThreads_AllocatingAndFreeing_BlocksNeverOverlap) {
   EXPECT_EQ(free_ranges(*made), (Ranges{{0, kPages}}));
 }
 
-TEST_F(MultimapBetweenTest, TwoThreads_ReleasingASharedBlock_PagesFreedExactlyOnce) {
-  constexpr int kBlock = 6;
-  constexpr int kRounds = 2000;
-  for (const unsigned char from : {runs, singles}) {
-    SCOPED_TRACE(static_cast<int>(from));
-    const auto source = manager(kPages, 0, {from});
-    const auto target = manager(kPages, 0, {});
+// Two threads that meet again and again. Spinning, so that both go on at the same moment.
+class Rendezvous {
+ public:
+  void meet(int round) {
+    _arrived.fetch_add(1);
+    for (int spins = 0; _arrived.load() < 2 * (round + 1); ++spins) {
+      if (spins > 2000) {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  std::atomic<int> _arrived = 0;
+};
+
+class SharedReleaseTest : public MultimapBetweenTest {
+ protected:
+  static constexpr int kBlock = 6;
+  static constexpr int kRounds = 5000;
+
+  // Lets go of a block as one of its two holders. A varying delay in front makes the two meet at different points.
+  void release(VMEM_PageManager& in, void* base, void* block, int delay) {
+    for (int spin = 0; spin < delay; ++spin) {
+      _last_holders.load();
+    }
+    const long left = in.add_active_ref_count(base, block, kBlock, -1);
+    if (left == 0) {
+      _last_holders.fetch_add(1);
+    }
+    if (left < 0 || in.free_pages(base, block, kBlock, kAccount, left > 0) != 0) {
+      _refused.fetch_add(1);
+    }
+  }
+
+  void release_in_both(VMEM_PageManager& source, VMEM_PageManager& target) {
+    const auto source_free = free_ranges(source);
+    const auto target_free = free_ranges(target);
     void* source_block = nullptr;
     void* target_block = nullptr;
-    std::atomic<int> last_holders = 0;
-    std::atomic<int> refused = 0;
-    const auto release = [&](VMEM_PageManager& in, void* base, void* block) {
-      const long left = in.add_active_ref_count(base, block, kBlock, -1);
-      if (left == 0) {
-        last_holders.fetch_add(1);
-      }
-      if (left < 0 || in.free_pages(base, block, kBlock, kAccount, left > 0) != 0) {
-        refused.fetch_add(1);
-      }
-    };
-    pthread_barrier_t step;
-    ASSERT_EQ(pthread_barrier_init(&step, nullptr, 2), 0);
+    Rendezvous start;
+    Rendezvous end;
     std::thread other([&] {
       for (int round = 0; round < kRounds; ++round) {
-        pthread_barrier_wait(&step);
-        release(*target, _target.base(), target_block);
-        pthread_barrier_wait(&step);
+        start.meet(round);
+        release(target, _target.base(), target_block, round % 37 * 10);
+        end.meet(round);
       }
     });
     int wrong_rounds = 0;
     for (int round = 0; round < kRounds; ++round) {
-      source_block = allocate(*source, kBlock);
-      bool shared =
-          source_block != kNoAddress && source->add_active_ref_count(_space.base(), source_block, kBlock, 1) == 1;
-      target_block = target->multimap_block_from_manager(_target.base(), source.get(), _space.base(), source_block,
-                                                         kBlock, kReadWrite, false);
-      shared = shared && target->add_active_ref_count(_target.base(), target_block, kBlock, 1) == 2;
-      pthread_barrier_wait(&step);
-      release(*source, _space.base(), source_block);
-      pthread_barrier_wait(&step);
-      wrong_rounds += shared && last_holders.exchange(0) == 1 && used_pages() == 0 ? 0 : 1;
+      source_block = allocate(source, kBlock);
+      bool shared = source.add_active_ref_count(_space.base(), source_block, kBlock, 1) == 1;
+      target_block = target.multimap_block_from_manager(_target.base(), &source, _space.base(), source_block, kBlock,
+                                                        kReadWrite, false);
+      shared = shared && target.add_active_ref_count(_target.base(), target_block, kBlock, 1) == 2;
+      start.meet(round);
+      release(source, _space.base(), source_block, round % 31 * 10);
+      end.meet(round);
+      wrong_rounds += shared && _last_holders.exchange(0) == 1 && used_pages() == 0 ? 0 : 1;
     }
     other.join();
-    pthread_barrier_destroy(&step);
     EXPECT_EQ(wrong_rounds, 0);
-    EXPECT_EQ(refused.load(), 0);
+    EXPECT_EQ(_refused.load(), 0);
     EXPECT_TRUE(allocated_pages().empty());
-    EXPECT_EQ(free_ranges(*source), (Ranges{{0, kPages}}));
-    EXPECT_EQ(free_ranges(*target), (Ranges{{0, kPages}}));
+    EXPECT_EQ(free_ranges(source), source_free);
+    EXPECT_EQ(free_ranges(target), target_free);
   }
+
+  std::atomic<int> _last_holders = 0;
+  std::atomic<int> _refused = 0;
+};
+
+TEST_F(SharedReleaseTest, TwoThreads_BlockOnOneRun_PagesFreedExactlyOnce) {
+  release_in_both(*manager(kPages, 0, {runs}), *manager(kPages, 0, {}));
+}
+
+TEST_F(SharedReleaseTest, TwoThreads_BlockOnSinglePages_PagesFreedExactlyOnce) {
+  release_in_both(*manager(kPages, 0, {singles}), *manager(kPages, 0, {}));
+}
+
+TEST_F(SharedReleaseTest, TwoThreads_PremappedBlock_PagesFreedExactlyOnce) {
+  release_in_both(*manager(kPages, 24, {runs}), *manager(kPages, 24, {}));
+}
+
+TEST_F(SharedReleaseTest, TwoThreads_BlockPremappedInOneSpace_PagesFreedExactlyOnce) {
+  release_in_both(*manager(kPages, 24, {runs}), *manager(kPages, 0, {}));
 }
 
 }  // namespace
