@@ -72,8 +72,7 @@ class PageInfoTest : public oxtest::FaultTest {
 
 class PageInfoTableTest : public oxtest::FaultTest {};
 
-// ---- the table
-// -------------------------------------------------------------------------------------------------------
+// ---- the table ----------------------------------------------------------------------------------------------------
 
 TEST_F(PageInfoTableTest, VmemPageinfo_TableNeverBuilt_Dies) {
   const VMEM_PageInfoManager table;
@@ -198,8 +197,7 @@ TEST_F(PageInfoTest, VmemPageinfo_OutsideTable_NullWithEinval) {
   EXPECT_EQ(errno, 0);
 }
 
-// ---- the record
-// ------------------------------------------------------------------------------------------------------
+// ---- the record ---------------------------------------------------------------------------------------------------
 
 TEST_F(PageInfoTest, Record_FieldsLieInOrderWithTheirWidths) {
   VMEM_PageInfo* const info = record(2);
@@ -271,8 +269,7 @@ TEST_F(PageInfoTest, SetBlockSize_WritesNegatedOffsetsBehindAndNothingElse) {
   EXPECT_EQ(record(5)->block_size(), -9);
 }
 
-// ---- runs
-// ------------------------------------------------------------------------------------------------------------
+// ---- runs ---------------------------------------------------------------------------------------------------------
 
 TEST_F(PageInfoTest, PmemPageWithinMap_InsideRun_AddsTheSteps) {
   base_record(2, 4)->change_state_to_allocated(40, 4);
@@ -318,8 +315,7 @@ TEST_F(PageInfoTest, PmemPageWithinMap_NoRecord_AnswersMinusOne) {
   }
 }
 
-// ---- state changes
-// ---------------------------------------------------------------------------------------------------
+// ---- state changes ------------------------------------------------------------------------------------------------
 
 TEST_F(PageInfoTest, ChangeStateToAllocating_WritesTheRunOnly) {
   auto expected = table();
@@ -492,8 +488,7 @@ TEST_F(PageInfoTest, ChangeStateToFree_ChecksInOrder) {
   EXPECT_EQ(info->change_state_to_free(3), 0);
 }
 
-// ---- the lock
-// --------------------------------------------------------------------------------------------------------
+// ---- the lock -----------------------------------------------------------------------------------------------------
 
 std::atomic_ref<uint8_t> lock_bits(VMEM_PageInfo* info) {
   return std::atomic_ref<uint8_t>(*(reinterpret_cast<uint8_t*>(info) + 1));

@@ -1,7 +1,11 @@
 #include "vmem/vmem_pageManager.hpp"
 
+#include <sched.h>
+
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -92,8 +96,7 @@ class PageManagerTest : public oxtest::PhysicalMemoryTest {
 
 using PageManagerBareTest = oxtest::FaultTest;
 
-// ---- construction
-// ----------------------------------------------------------------------------------------------------
+// ---- construction -------------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerBareTest, Construction_EverythingEmpty) {
   const VMEM_PageManager manager;
@@ -170,8 +173,7 @@ TEST_F(PageManagerBareTest, Initialize_FailingStep_AnswersItAndStaysMarked) {
   }
 }
 
-// ---- allowed zones
-// ---------------------------------------------------------------------------------------------------
+// ---- allowed zones ------------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AddAllowedZone_InvalidId_EinvalAndLogged) {
   const auto made = manager(kPages, 0, {});
@@ -206,8 +208,7 @@ TEST_F(PageManagerTest, AddAllowedZone_The256th_EfaultAndLogged) {
   }
 }
 
-// ---- zone policy
-// -----------------------------------------------------------------------------------------------------
+// ---- zone policy --------------------------------------------------------------------------------------------------
 
 class ZonePolicyTest : public PageManagerTest {
  protected:
@@ -320,8 +321,7 @@ TEST_F(ZonePolicyTest, AllocatePmemPages_BalanceExhausted_Enomem) {
   EXPECT_EQ(made->allocate_pmem_pages(kAccount, 2, true), kRuns);
 }
 
-// ---- allocation on one run
-// -------------------------------------------------------------------------------------------
+// ---- allocation on one run ----------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AllocatePages_OneRun_RecordsMappingAndCounters) {
   const auto made = manager(kPages, 0, {runs});
@@ -394,8 +394,7 @@ TEST_F(PageManagerTest, AllocatePages_VirtualPageWithoutRecord_Dies) {
   EXPECT_DEATH(allocate(*made, 2), dies_with(kUnit, "NULL VMEM PageInfo"));
 }
 
-// ---- the premapped region
-// --------------------------------------------------------------------------------------------
+// ---- the premapped region -----------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AllocatePages_PremappedSinglePage_IdentityAndNothingCounted) {
   const auto made = manager(kPages, 24, {runs});
@@ -455,8 +454,7 @@ TEST_F(PageManagerTest, FreePages_Premapped_OnlyWithoutActiveReferences) {
   EXPECT_EQ(errno, EFAULT);
 }
 
-// ---- allocation on single pages
-// --------------------------------------------------------------------------------------
+// ---- allocation on single pages -----------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AllocatePages_NoRunInFragmentedZone_BuiltFromSeparatePages) {
   const unsigned char holes = zone(kSpare, 8, true);
@@ -498,8 +496,7 @@ TEST_F(PageManagerTest, AllocatePages_SinglePages_FreedOneByOne) {
   }
 }
 
-// ---- failing allocations
-// ---------------------------------------------------------------------------------------------
+// ---- failing allocations ------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AllocatePages_NoPhysicalPageForASingle_EverythingAsBefore) {
   const auto made = manager(kPages, 0, {singles});
@@ -662,8 +659,7 @@ TEST_F(PageManagerTest, AllocatePages_AfterAFailure_TheSameRequestSucceeds) {
   }
 }
 
-// ---- stale mappings
-// --------------------------------------------------------------------------------------------------
+// ---- stale mappings -----------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, FreePages_OneRun_MappingStaysAndIsRemembered) {
   const auto made = manager(kPages, 0, {runs});
@@ -778,8 +774,7 @@ TEST_F(PageManagerTest, MapPagesWithPossibleStomp_MappingFails_OldReferencesAndC
   expect_same(before, world(*made, kPages));
 }
 
-// ---- freeing
-// ---------------------------------------------------------------------------------------------------------
+// ---- freeing ------------------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, FreePages_NotAWholeBlock_EfaultAndUnchanged) {
   const auto made = manager(kPages, 4, {runs});
@@ -949,8 +944,7 @@ TEST_F(PageManagerTest, ValidateAllocatedBlock_Answers) {
   EXPECT_DEATH(made->validate_allocated_block(-1, 1), message);
 }
 
-// ---- multimapping within a space
-// -------------------------------------------------------------------------------------
+// ---- multimapping within a space ----------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, MultimapPages_OneRun_MappedAtTheAliasAtOnce) {
   const auto made = manager(kPages, 0, {runs});
@@ -1040,8 +1034,7 @@ TEST_F(PageManagerTest, MultimapPages_BrokenRecord_Dies) {
                dies_with(kUnit, "Unexpected map size"));
 }
 
-// ---- multimapping between spaces
-// -------------------------------------------------------------------------------------
+// ---- multimapping between spaces ----------------------------------------------------------------------------------
 
 class MultimapBetweenTest : public PageManagerTest {
  protected:
@@ -1246,8 +1239,7 @@ TEST_F(MultimapBetweenTest, TargetBlockWithoutRecord_Dies) {
   EXPECT_DEATH(multimap(*target, *run, 0, 3), "Error at src/vmem/vmem_pageManager:[0-9]+\n");
 }
 
-// ---- active references
-// -----------------------------------------------------------------------------------------------
+// ---- active references --------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, AddActiveRefCount_AllPagesOfTheBlockTogether) {
   const auto premapped = manager(kPages, 24, {runs});
@@ -1309,8 +1301,7 @@ TEST_F(PageManagerTest, AddActiveRefCount_PagesDiffer_Dies) {
   }
 }
 
-// ---- the rest
-// --------------------------------------------------------------------------------------------------------
+// ---- the rest -----------------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, PopulateMaps_PremappedOnly_TouchesFundedPages) {
   const auto made = manager(kPages, 24, {runs});
@@ -1490,8 +1481,7 @@ TEST_F(PageManagerTest, AllocateVirtualPages_FirstFitAboveThePremappedRegion) {
   EXPECT_EQ(errno, ENOMEM);
 }
 
-// ---- threads
-// ---------------------------------------------------------------------------------------------------------
+// ---- threads ------------------------------------------------------------------------------------------------------
 
 TEST_F(PageManagerTest, TwoThreads_AllocatingAndFreeing_BlocksNeverOverlap) {
   const auto made = manager(kPages, 0, {runs, singles});
@@ -1518,13 +1508,29 @@ TEST_F(PageManagerTest, TwoThreads_AllocatingAndFreeing_BlocksNeverOverlap) {
   EXPECT_EQ(free_ranges(*made), (Ranges{{0, kPages}}));
 }
 
+// Keeps the calling thread on one processor, so that two threads really run at the same time.
+void stay_on_processor(int index) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  sched_getaffinity(0, sizeof(allowed), &allowed);
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed) && index-- == 0) {
+      cpu_set_t one;
+      CPU_ZERO(&one);
+      CPU_SET(cpu, &one);
+      sched_setaffinity(0, sizeof(one), &one);
+      return;
+    }
+  }
+}
+
 // Two threads that meet again and again. Spinning, so that both go on at the same moment.
 class Rendezvous {
  public:
   void meet(int round) {
     _arrived.fetch_add(1);
     for (int spins = 0; _arrived.load() < 2 * (round + 1); ++spins) {
-      if (spins > 2000) {
+      if (spins > 20000) {
         std::this_thread::yield();
       }
     }
@@ -1537,12 +1543,16 @@ class Rendezvous {
 class SharedReleaseTest : public MultimapBetweenTest {
  protected:
   static constexpr int kBlock = 6;
-  static constexpr int kRounds = 5000;
+  static constexpr int kRounds = 50000;
+  static constexpr int kEnoughOverlaps = 3000;
 
   // Lets go of a block as one of its two holders. A varying delay in front makes the two meet at different points.
   void release(VMEM_PageManager& in, void* base, void* block, int delay) {
     for (int spin = 0; spin < delay; ++spin) {
       _last_holders.load();
+    }
+    if (_inside.fetch_add(1) == 1) {
+      _overlaps.fetch_add(1);
     }
     const long left = in.add_active_ref_count(base, block, kBlock, -1);
     if (left == 0) {
@@ -1551,6 +1561,7 @@ class SharedReleaseTest : public MultimapBetweenTest {
     if (left < 0 || in.free_pages(base, block, kBlock, kAccount, left > 0) != 0) {
       _refused.fetch_add(1);
     }
+    _inside.fetch_sub(1);
   }
 
   void release_in_both(VMEM_PageManager& source, VMEM_PageManager& target) {
@@ -1560,15 +1571,24 @@ class SharedReleaseTest : public MultimapBetweenTest {
     void* target_block = nullptr;
     Rendezvous start;
     Rendezvous end;
+    std::atomic<bool> done = false;
     std::thread other([&] {
-      for (int round = 0; round < kRounds; ++round) {
+      stay_on_processor(1);
+      for (int round = 0;; ++round) {
         start.meet(round);
+        if (done) {
+          return;
+        }
         release(target, _target.base(), target_block, round % 37 * 10);
         end.meet(round);
       }
     });
+    stay_on_processor(0);
+    const auto end_of_trying = std::chrono::steady_clock::now() + std::chrono::seconds(8);
     int wrong_rounds = 0;
-    for (int round = 0; round < kRounds; ++round) {
+    int round = 0;
+    for (; round < kRounds && _overlaps < kEnoughOverlaps && std::chrono::steady_clock::now() < end_of_trying;
+         ++round) {
       source_block = allocate(source, kBlock);
       bool shared = source.add_active_ref_count(_space.base(), source_block, kBlock, 1) == 1;
       target_block = target.multimap_block_from_manager(_target.base(), &source, _space.base(), source_block, kBlock,
@@ -1579,7 +1599,10 @@ class SharedReleaseTest : public MultimapBetweenTest {
       end.meet(round);
       wrong_rounds += shared && _last_holders.exchange(0) == 1 && used_pages() == 0 ? 0 : 1;
     }
+    done = true;
+    start.meet(round);
     other.join();
+    RecordProperty("overlapping_rounds", _overlaps.load());
     EXPECT_EQ(wrong_rounds, 0);
     EXPECT_EQ(_refused.load(), 0);
     EXPECT_TRUE(allocated_pages().empty());
@@ -1587,9 +1610,32 @@ class SharedReleaseTest : public MultimapBetweenTest {
     EXPECT_EQ(free_ranges(target), target_free);
   }
 
+  std::atomic<int> _inside = 0;
+  std::atomic<int> _overlaps = 0;
   std::atomic<int> _last_holders = 0;
   std::atomic<int> _refused = 0;
 };
+
+TEST_F(SharedReleaseTest, OtherHolderFreesFirst_PagesFreedExactlyOnce) {
+  for (const unsigned char from : {runs, singles}) {
+    SCOPED_TRACE(static_cast<int>(from));
+    const auto source = manager(kPages, 0, {from});
+    const auto target = manager(kPages, 0, {});
+    const long vpage = held_block(*source, kBlock);
+    void* const shared = multimap(*target, *source, vpage, kBlock);
+    ASSERT_EQ(target->add_active_ref_count(_target.base(), shared, kBlock, 1), 2);
+    // The first to let go is overtaken by the last before it comes to freeing.
+    ASSERT_EQ(source->add_active_ref_count(_space.base(), _space.at(vpage), kBlock, -1), 1);
+    ASSERT_EQ(target->add_active_ref_count(_target.base(), shared, kBlock, -1), 0);
+    EXPECT_EQ(target->free_pages(_target.base(), shared, kBlock, kAccount, false), 0);
+    EXPECT_EQ(used_pages(), 0);
+    EXPECT_EQ(free_block(*source, vpage, kBlock, true), 0);
+    EXPECT_EQ(used_pages(), 0);
+    EXPECT_TRUE(allocated_pages().empty());
+    EXPECT_EQ(free_ranges(*source), (Ranges{{0, kPages}}));
+    EXPECT_EQ(free_ranges(*target), (Ranges{{0, kPages}}));
+  }
+}
 
 TEST_F(SharedReleaseTest, TwoThreads_BlockOnOneRun_PagesFreedExactlyOnce) {
   release_in_both(*manager(kPages, 0, {runs}), *manager(kPages, 0, {}));

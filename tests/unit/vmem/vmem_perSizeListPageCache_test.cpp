@@ -90,8 +90,7 @@ class PageCacheTest : public oxtest::PhysicalMemoryTest {
   VMEM_PerSizeListPageCache _cache{_manager.get(), kAccount};
 };
 
-// ---- keeping blocks
-// --------------------------------------------------------------------------------------------------
+// ---- keeping blocks -----------------------------------------------------------------------------------------------
 
 TEST_F(PageCacheTest, Initialize_EmptyCache) {
   EXPECT_EQ(state(), CacheState{});
@@ -157,8 +156,7 @@ TEST_F(PageCacheTest, LargestSize_IsCacheableAndOneMoreDies) {
   EXPECT_EQ(state(), before);
 }
 
-// ---- watermarks
-// ------------------------------------------------------------------------------------------------------
+// ---- watermarks ---------------------------------------------------------------------------------------------------
 
 TEST_F(PageCacheTest, Watermarks_FollowEachChangeUntilReset) {
   cache_block(2);
@@ -186,8 +184,7 @@ TEST_F(PageCacheTest, ResetWatermarks_OtherAccount_EfaultAndUnchanged) {
   EXPECT_EQ(state(), before);
 }
 
-// ---- flushing
-// --------------------------------------------------------------------------------------------------------
+// ---- flushing -----------------------------------------------------------------------------------------------------
 
 TEST_F(PageCacheTest, FlushCache_NothingCached_ZeroAndNothingCounted) {
   for (const unsigned long limit : {0UL, 1UL, kAll}) {
@@ -310,8 +307,7 @@ TEST_F(PageCacheTest, FlushCache_HeldByAnotherHolder_PagesStayAllocated) {
   EXPECT_EQ(used_pages(), 2);
 }
 
-// ---- reports
-// ---------------------------------------------------------------------------------------------------------
+// ---- reports ------------------------------------------------------------------------------------------------------
 
 TEST_F(PageCacheTest, GetStats_WritesTheLastSevenWordsOnly) {
   cache_block(2);
@@ -349,8 +345,7 @@ TEST_F(PageCacheTest, ReportStats_Text) {
                 {4, "VMEM cached pages 5[min 0, max 6], cache lookups 3[hits 1], cache flushes 2[full 1]"}}));
 }
 
-// ---- memory of its own
-// -----------------------------------------------------------------------------------------------
+// ---- memory of its own --------------------------------------------------------------------------------------------
 
 class CacheMemoryTest : public oxtest::FaultTest {
  protected:
@@ -459,8 +454,7 @@ TEST_F(CacheMemoryTest, Destructor_NeverInitialized_IsHarmless) {
   EXPECT_EQ(internal_usage(), before);
 }
 
-// ---- threads
-// ---------------------------------------------------------------------------------------------------------
+// ---- threads ------------------------------------------------------------------------------------------------------
 
 TEST_F(PageCacheTest, TwoThreads_CachingTakingAndFlushing_NoBlockLostOrHandedOutTwice) {
   const auto work = [&](char mark) {
