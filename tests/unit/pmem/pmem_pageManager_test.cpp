@@ -1,6 +1,8 @@
 #include "pmem/pmem_pageManager.hpp"
 
+#include <algorithm>
 #include <atomic>
+#include <ostream>
 #include <set>
 #include <thread>
 
@@ -291,6 +293,10 @@ struct PrefundCase {
   std::vector<unsigned long> prefunded;
 };
 
+void PrintTo(const PrefundCase& test, std::ostream* out) {
+  *out << "initial " << test.initial << (test.prefund ? " prefund" : "");
+}
+
 class PrefundTest : public PageManagerTest, public testing::WithParamInterface<PrefundCase> {};
 
 TEST_P(PrefundTest, AddZone_TakesItsFirstPagesFromTheBudget) {
@@ -426,10 +432,8 @@ TEST_F(PageManagerTest, OperationsOnAZone_UnknownIdOrEmptySlot_Die) {
 TEST_F(PageManagerTest, OperationsOnAPage_OutsideTheTable_Die) {
   start_manager(8);
   ASSERT_EQ(add_zone(0, 8, 8, false), 0);
-  ox_pliv_pzone_stats_t stats{};
   bool funded = false;
   unsigned long count = 0;
-  (void)stats;
   for (const long page : {-1L, 8L}) {
     SCOPED_TRACE(page);
     const std::string death = dies_with(kRecordUnit, "Out of bounds PMEM Page Num");
@@ -818,6 +822,10 @@ struct SpreadCase {
   unsigned long outside;            // pages in no zone
   unsigned long request;
 };
+
+void PrintTo(const SpreadCase& test, std::ostream* out) {
+  *out << test.request << " over " << testing::PrintToString(test.room) << " and " << test.outside << " outside";
+}
 
 class SpreadTest : public PageManagerTest, public testing::WithParamInterface<SpreadCase> {};
 
