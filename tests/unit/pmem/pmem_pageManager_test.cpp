@@ -224,7 +224,6 @@ TEST_F(PageManagerTest, AddZone_Overlap_StopsAtTheFirstSharedPageAndLeavesTheSta
   start_manager(16);
   ASSERT_EQ(add_zone(4, 4, 4, false), 0);
   for (const bool blocks : {false, true}) {
-    const unsigned long before = usage();
     const long start = blocks ? 10 : 2;
     if (blocks) {
       ASSERT_EQ(add_zone(12, 1, 1, false), 1);
@@ -237,7 +236,6 @@ TEST_F(PageManagerTest, AddZone_Overlap_StopsAtTheFirstSharedPageAndLeavesTheSta
     EXPECT_EQ(errno, EFAULT);
     expect_log({{1, "Page added to multiple zones"}});
     EXPECT_EQ(usage(), before_refusal);
-    EXPECT_GE(usage(), before);
     EXPECT_EQ(PMEM_PageManager::num_zones(), refused_id);
     EXPECT_EQ(PMEM_PageManager::zone_id_for_page(start), refused_id);
     EXPECT_EQ(PMEM_PageManager::zone_id_for_page(start + 1), refused_id);
