@@ -1,5 +1,6 @@
 #include "pmem/pmem_pageAllocator.hpp"
 
+#include "utils/log.hpp"
 #include "zonePages.hpp"
 
 namespace {
@@ -560,7 +561,7 @@ TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsTakeAndReturnPages_NoPageIsLo
   std::atomic<int> holders[kListed] = {};
   std::atomic<int> doubled{0};
   const auto take_and_return = [&](std::mt19937&) {
-    for (int i = 0; i < 50000; ++i) {
+    for (int i = 0; i < 300000; ++i) {
       if (const auto* info = PMEM_PageAllocator::remove_page_from_needs_pretouch_list()) {
         doubled += holders[info->page_num()].exchange(1);
         holders[info->page_num()] = 0;
@@ -579,12 +580,12 @@ TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsTakeAndReturnPages_NoPageIsLo
 TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsAddAndRemoveTheSamePages_LinkedPagesAreThoseOnTheList) {
   constexpr long kUsed = 6;  // few, so that the list is often nearly empty
   const auto add = [](std::mt19937& generator) {
-    for (int i = 0; i < 50000; ++i) {
+    for (int i = 0; i < 300000; ++i) {
       PMEM_PageAllocator::add_page_to_needs_pretouch_list(static_cast<long>(generator() % kUsed));
     }
   };
   const auto remove = [](std::mt19937&) {
-    for (int i = 0; i < 50000; ++i) {
+    for (int i = 0; i < 300000; ++i) {
       PMEM_PageAllocator::remove_page_from_needs_pretouch_list();
     }
   };
@@ -606,6 +607,688 @@ TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsAddAndRemoveTheSamePages_Link
     PMEM_PageAllocator::add_page_to_needs_pretouch_list(page);
   }
   EXPECT_EQ(drain_needs_pretouch_list().size(), static_cast<size_t>(kUsed));
+}
+
+// What both free lists do alike.
+
+template <class List>
+class FreeListTest : public PagesTest {
+ protected:
+  void SetUp() override {
+    PagesTest::SetUp();
+    ASSERT_EQ(list.initialize(), 0);
+  }
+
+  // Pages first .. last on the list, Free.
+  void add_funded(long first, long last) {
+    fund(first, last);
+    ASSERT_EQ(list.add_pages(first, last), 0);
+  }
+
+  long recommit(std::vector<long> pages) {
+    recommitted = 77;
+    errno = 0;
+    return list.recommit_pages_and_record(pages.data(), pages.size(), recommitted);
+  }
+
+  long uncommit_chunk(unsigned long n) {
+    uncommitted = 77;
+    populated = 78;
+    errno = 0;
+    return list.uncommit_memory_chunk(n, uncommitted, populated);
+  }
+
+  List list;
+  unsigned long recommitted = 0;
+  unsigned long uncommitted = 0;
+  unsigned long populated = 0;
+};
+
+using FreeLists = testing::Types<PMEM_PageQueue, PMEM_AOFFList>;
+
+struct FreeListNames {
+  template <class List>
+  static std::string GetName(int) {
+    return std::is_same_v<List, PMEM_PageQueue> ? "PageQueue" : "AOFFList";
+  }
+};
+
+TYPED_TEST_SUITE(FreeListTest, FreeLists, FreeListNames);
+
+TYPED_TEST(FreeListTest, Initialize_EitherMutexFails_AnswersMinusOne) {
+  for (int failing = 0; failing < 2; ++failing) {
+    TypeParam fresh;
+    Faults::fail(Call::pthread_mutex_init, EAGAIN, failing);
+    EXPECT_EQ(fresh.initialize(), -1);
+  }
+  TypeParam fresh;
+  const int before = Faults::count(Call::pthread_mutex_init);
+  EXPECT_EQ(fresh.initialize(), 0);
+  EXPECT_EQ(Faults::count(Call::pthread_mutex_init), before + 2);
+}
+
+TYPED_TEST(FreeListTest, New_IsEmptyAndGivesNoPage) {
+  EXPECT_EQ(counters(this->list), "free 0 (0..0) defunded 0");
+  EXPECT_EQ(printed(this->list), "\n");
+  const std::string before = everything(this->list);
+  long page = 5;
+  bool funded = true;
+  EXPECT_EQ(this->list.allocate_page(page, funded), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(page, -1);
+  page = 5;
+  errno = 0;
+  EXPECT_EQ(this->list.allocate_funded_page(page), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(page, -1);
+  EXPECT_EQ(this->uncommit_chunk(64), 0);
+  EXPECT_EQ(this->uncommitted, 0U);
+  EXPECT_EQ(this->populated, 0U);
+  unsigned long refreshed = 77;
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  EXPECT_EQ(refreshed, 0U);
+  EXPECT_EQ(everything(this->list), before);
+}
+
+TYPED_TEST(FreeListTest, AddPages_RangeIsInclusive_StatesStay) {
+  this->fund(11, 11);
+  EXPECT_EQ(this->list.add_pages(10, 12), 0);
+  EXPECT_EQ(printed(this->list), "10 11 12 \n");
+  EXPECT_EQ(records(10, 12), "N F N");
+  EXPECT_EQ(counters(this->list), "free 3 (0..3) defunded 0");
+  EXPECT_EQ(this->list.add_pages(20, 20), 0);
+  EXPECT_EQ(printed(this->list), "10 11 12 20 \n");
+  EXPECT_EQ(counters(this->list), "free 4 (0..4) defunded 0");
+}
+
+TYPED_TEST(FreeListTest, AddPages_EndBeforeStart_IsFatal) {
+  for (const auto& [start, end] : {std::pair{11L, 10L}, std::pair{9999L, 9998L}}) {
+    EXPECT_DEATH(this->list.add_pages(start, end), dies_with(kAllocatorUnit, "end PageNum smaller than start PageNum"));
+  }
+}
+
+TYPED_TEST(FreeListTest, StatisticsWrappers_HoldTheFreeListMutex) {
+  const ListMutexes mutexes(this->list);
+  ASSERT_NE(mutexes.free, nullptr);
+  ASSERT_NE(mutexes.free, mutexes.defunded);
+  this->add_funded(10, 13);
+  unsigned long free = 0;
+  unsigned long low = 1;
+  unsigned long high = 0;
+  unsigned long defunded = 1;
+  EXPECT_EQ(mutexes.order_in([&] { this->list.reset_watermarks(); }), "free+ free- ");
+  EXPECT_EQ(mutexes.order_in([&] { this->list.get_stats(free, low, high, defunded); }), "free+ free- ");
+  EXPECT_EQ(counters(this->list), "free 4 (4..4) defunded 0");
+  EXPECT_EQ((std::vector<unsigned long>{free, low, high, defunded}), (std::vector<unsigned long>{4, 4, 4, 0}));
+}
+
+TYPED_TEST(FreeListTest, Operations_TakeTheFreeListMutexOnce) {
+  const ListMutexes mutexes(this->list);
+  this->add_funded(10, 13);
+  long page = 0;
+  bool funded = false;
+  unsigned long count = 0;
+  const std::pair<const char*, std::function<void()>> operations[] = {
+      {"add_pages", [&] { this->list.add_pages(20, 21); }},
+      {"allocate_page", [&] { this->list.allocate_page(page, funded); }},
+      {"free_page", [&] { this->list.free_page(page); }},
+      {"allocate_funded_page", [&] { this->list.allocate_funded_page(page); }},
+      {"free_page again", [&] { this->list.free_page(page); }},
+      {"refresh_free_pages", [&] { this->list.refresh_free_pages(count); }},
+      {"allocate_specific_page", [&] { this->list.allocate_specific_page(21, funded); }},
+  };
+  for (const auto& [name, operation] : operations) {
+    EXPECT_EQ(mutexes.order_in(operation), "free+ free- ") << name;
+  }
+}
+
+TYPED_TEST(FreeListTest, MissingRecords_AreFatalInTheLookup) {
+  for (const long page : {-1L, this->kPages}) {
+    SCOPED_TRACE(page);
+    bool funded = false;
+    EXPECT_DEATH(this->list.free_page(page), dies_with(kRecordUnit, kOutOfTable));
+    EXPECT_DEATH(this->list.restore_page_to_free_list(page), dies_with(kRecordUnit, kOutOfTable));
+    EXPECT_DEATH(this->recommit({page}), dies_with(kRecordUnit, kOutOfTable));
+    EXPECT_DEATH(
+        {
+          this->list.add_pages(page, page);
+          this->list.allocate_specific_page(page, funded);
+        },
+        dies_with(kRecordUnit, kOutOfTable));
+  }
+}
+
+TYPED_TEST(FreeListTest, AllocatePage_TellsWhetherItFundedThePage) {
+  this->fund(11, 11);
+  ASSERT_EQ(this->list.add_pages(10, 11), 0);
+  long page = 0;
+  bool funded = false;
+  EXPECT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(page, 10);
+  EXPECT_TRUE(funded);
+  EXPECT_EQ(records(10, 11), "A F");
+  EXPECT_TRUE(this->file.has_memory(10));
+  EXPECT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(page, 11);
+  EXPECT_FALSE(funded);
+  EXPECT_EQ(this->file.commits(11), 1);
+  EXPECT_EQ(records(10, 11), "A A");
+  EXPECT_EQ(counters(this->list), "free 0 (0..2) defunded 0");
+}
+
+TYPED_TEST(FreeListTest, AllocatePage_PageThatSomeoneIsFunding_IsWaitedFor) {
+  ASSERT_EQ(this->list.add_pages(10, 11), 0);
+  this->locked({10});
+  int yields = 0;
+  Faults::on_sched_yield = [&] {
+    if (++yields == 3) {
+      record(10)->mark_free();
+      record(10)->unlock();
+    }
+    return 0;
+  };
+  long page = 0;
+  bool funded = true;
+  EXPECT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(page, 10);
+  EXPECT_FALSE(funded);
+  EXPECT_EQ(yields, 3);
+  EXPECT_EQ(records(10, 11), "A N");
+}
+
+TYPED_TEST(FreeListTest, AllocatePage_LockedFreePage_IsHandedOutLocked) {
+  this->add_funded(10, 10);
+  this->locked({10});
+  long page = 0;
+  bool funded = true;
+  EXPECT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(page, 10);
+  EXPECT_EQ(records(10, 10), "A*");
+}
+
+TYPED_TEST(FreeListTest, FreePage_CountsThePageAndKeepsItsMemory) {
+  this->add_funded(10, 10);
+  this->list.reset_watermarks();
+  long page = 0;
+  bool funded = true;
+  ASSERT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(this->list.free_page(10), 0);
+  EXPECT_EQ(records(10, 10), "F");
+  EXPECT_EQ(printed(this->list), "10 \n");
+  EXPECT_EQ(counters(this->list), "free 1 (0..1) defunded 0");
+  EXPECT_TRUE(this->file.has_memory(10));
+}
+
+TYPED_TEST(FreeListTest, FreePage_PageNotAllocated_IsFatal) {
+  this->fund(11, 11);
+  for (const long page : {10L, 11L}) {
+    EXPECT_DEATH(this->list.free_page(page), dies_with(kRecordUnit, "Page not in allocated state"));
+  }
+}
+
+TYPED_TEST(FreeListTest, RestorePageToFreeList_TakesFreePagesOnly) {
+  this->fund(10, 11);
+  record(11)->change_state_to_allocated();
+  EXPECT_EQ(this->list.restore_page_to_free_list(10), 0);
+  EXPECT_EQ(printed(this->list), "10 \n");
+  EXPECT_EQ(counters(this->list), "free 1 (0..1) defunded 0");
+  EXPECT_EQ(records(10, 12), "F A N");
+  for (const long page : {11L, 12L}) {
+    EXPECT_DEATH(this->list.restore_page_to_free_list(page), dies_with(kAllocatorUnit, "Page should be free"));
+  }
+}
+
+// Uncommitting.
+
+TYPED_TEST(FreeListTest, UncommitChunk_MovesFreePagesToTheDefundedList) {
+  this->add_funded(10, 14);
+  record(10)->atomic_add_populated_ref_count(2);
+  record(12)->atomic_add_populated_ref_count(3);
+  record(13)->atomic_add_populated_ref_count(50);
+  EXPECT_EQ(this->uncommit_chunk(3), 0);
+  EXPECT_EQ(this->uncommitted, 3U);
+  EXPECT_EQ(this->populated, 5U);
+  EXPECT_EQ(records(10, 14), "N N N F F");
+  EXPECT_EQ(printed(this->list), "13 14 \n");
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[10,13) ");
+  EXPECT_EQ(counters(this->list), "free 2 (0..5) defunded 3");
+  EXPECT_FALSE(this->file.has_memory(12));
+  EXPECT_TRUE(this->file.has_memory(13));
+}
+
+TYPED_TEST(FreeListTest, UncommitChunk_NothingAsked_ChangesNothing) {
+  this->add_funded(10, 14);
+  const std::string before = everything(this->list);
+  EXPECT_EQ(this->uncommit_chunk(0), 0);
+  EXPECT_EQ(this->uncommitted, 0U);
+  EXPECT_EQ(this->populated, 0U);
+  EXPECT_EQ(everything(this->list), before);
+}
+
+TYPED_TEST(FreeListTest, UncommitChunk_FullChunkOf64_LeavesTheRest) {
+  this->add_funded(10, 79);
+  EXPECT_EQ(this->uncommit_chunk(64), 0);
+  EXPECT_EQ(this->uncommitted, 64U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[10,74) ");
+  EXPECT_EQ(printed(this->list), "74 75 76 77 78 79 \n");
+  EXPECT_EQ(counters(this->list), "free 6 (0..70) defunded 64");
+}
+
+TYPED_TEST(FreeListTest, UncommitMemory_GoesThroughSeveralChunksUntilTheListRunsOut) {
+  this->add_funded(0, 199);
+  EXPECT_EQ(this->list.uncommit_memory(130, this->uncommitted, this->populated), 0);
+  EXPECT_EQ(this->uncommitted, 130U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[0,130) ");
+  EXPECT_EQ(this->list.uncommit_memory(130, this->uncommitted, this->populated), 0);
+  EXPECT_EQ(this->uncommitted, 70U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[0,200) ");
+  EXPECT_EQ(counters(this->list), "free 0 (0..200) defunded 200");
+  EXPECT_EQ(printed(this->list), "\n");
+}
+
+TYPED_TEST(FreeListTest, UncommitChunk_Mutexes_FreeListIsReleasedBeforeDefundedIsTaken) {
+  const ListMutexes mutexes(this->list);
+  this->add_funded(10, 12);
+  EXPECT_EQ(mutexes.order_in([this] { this->uncommit_chunk(2); }), "free+ free- defunded+ defunded- ");
+  std::string held;
+  this->file.before = [&](PageFile::Work, long page) {
+    held += is_held(mutexes.free) ? "free " : "";
+    held += is_held(mutexes.defunded) ? "defunded " : "";
+    held += records(page, page) + " ";
+    return 0;
+  };
+  this->uncommit_chunk(1);
+  EXPECT_EQ(held, "defunded F* ");
+}
+
+TYPED_TEST(FreeListTest, UncommitChunk_Interrupted_TakesTheFreeListMutexInsideTheDefundedOne) {
+  const ListMutexes mutexes(this->list);
+  this->add_funded(10, 12);
+  this->file.fail_punch(11, EINTR);
+  EXPECT_EQ(mutexes.order_in([this] { this->uncommit_chunk(3); }), "free+ free- defunded+ free+ free- defunded- ");
+  EXPECT_EQ(this->uncommitted, 2U);
+  EXPECT_EQ(records(10, 12), "N F N");
+  EXPECT_EQ(printed(this->list), "11 \n");
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[10,11) [12,13) ");
+  EXPECT_EQ(counters(this->list), "free 1 (0..3) defunded 2");
+}
+
+TYPED_TEST(FreeListTest, UncommitMemory_EveryPunchInterrupted_GivesAllPagesBackUnlocked) {
+  this->add_funded(0, 69);
+  for (long page = 0; page < 70; ++page) {
+    this->file.fail_punch(page, EINTR);
+  }
+  EXPECT_EQ(this->list.uncommit_memory(70, this->uncommitted, this->populated), 0);
+  EXPECT_EQ(this->uncommitted, 0U);
+  EXPECT_EQ(counters(this->list), "free 70 (0..70) defunded 0");
+  std::istringstream text(printed(this->list));
+  std::set<long> listed;
+  for (long page = 0; text >> page;) {
+    EXPECT_TRUE(listed.insert(page).second) << page;
+    EXPECT_EQ(records(page, page), "F");
+  }
+  EXPECT_EQ(listed.size(), 70U);
+}
+
+TYPED_TEST(FreeListTest, UncommitChunk_PunchFails_LaterPagesStayLockedAndOffEveryList) {
+  this->add_funded(10, 15);
+  this->file.fail_punch(12, EIO);
+  EXPECT_EQ(this->uncommit_chunk(5), -1);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(this->uncommitted, 2U);
+  EXPECT_EQ(records(10, 15), "N N F F* F* F");
+  EXPECT_EQ(printed(this->list), "15 \n");
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[10,12) ");
+  EXPECT_EQ(counters(this->list), "free 1 (0..6) defunded 2");
+  EXPECT_TRUE(LogCapture::contains(4, "Obtained errno=5 when attempting to uncommit memory for page 12"));
+}
+
+TYPED_TEST(FreeListTest, UncommitMemory_PunchFails_IsFatal) {
+  this->add_funded(10, 15);
+  this->file.fail_punch(12, EIO);
+  EXPECT_DEATH(this->list.uncommit_memory(6, this->uncommitted, this->populated),
+               dies_with(kAllocatorUnit, "Uncommit failure not handled yet"));
+}
+
+// Recommitting.
+
+TYPED_TEST(FreeListTest, RecommitPages_CommitsListsAndMarksForPretouch) {
+  ASSERT_EQ(this->list.add_pages(20, 20), 0);
+  EXPECT_EQ(this->recommit({30, 31, 25}), 0);
+  EXPECT_EQ(this->recommitted, 3U);
+  EXPECT_EQ(records(30, 31), "F~ F~");
+  EXPECT_EQ(records(25, 25), "F~");
+  EXPECT_TRUE(this->file.has_memory(25));
+  EXPECT_EQ(printed(this->list), (std::is_same_v<TypeParam, PMEM_PageQueue>) ? "20 30 31 25 \n" : "20 25 30 31 \n");
+  EXPECT_EQ(counters(this->list), "free 4 (0..4) defunded 0");
+  EXPECT_EQ(this->drain_needs_pretouch_list(), (std::vector<long>{25, 31, 30}));
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_NoPages_AnswersZero) {
+  const std::string before = everything(this->list);
+  EXPECT_EQ(this->recommit({}), 0);
+  EXPECT_EQ(this->recommitted, 0U);
+  EXPECT_EQ(everything(this->list), before);
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_PageStillOnTheNeedsPretouchList_StaysListedOnce) {
+  PMEM_PageAllocator::add_page_to_needs_pretouch_list(30);
+  EXPECT_EQ(this->recommit({30}), 0);
+  EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), 1U);
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_64AreTaken_65AreFatal) {
+  EXPECT_DEATH(this->recommit(this->sequence(100, 164)),
+               dies_with(kAllocatorUnit, "trying to uncommit pages more than chunk size"));
+  EXPECT_EQ(this->recommit(this->sequence(100, 163)), 0);
+  EXPECT_EQ(this->recommitted, 64U);
+  EXPECT_EQ(this->list.free_pages(), 64U);
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_FundedPage_IsFatal) {
+  this->fund(30, 30);
+  EXPECT_DEATH(this->recommit({30}), dies_with(kRecordUnit, "Already a funded page"));
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_CommitFails_ThatPageAndTheLaterOnesGoToTheDefundedList) {
+  const struct {
+    int system;
+    int seen;
+  } errors[] = {{ENOSPC, ENOMEM}, {EIO, EIO}, {EINTR, EINTR}};
+  long first = 30;
+  for (const auto& error : errors) {
+    SCOPED_TRACE(error.system);
+    LogCapture::clear();
+    TypeParam fresh;
+    ASSERT_EQ(fresh.initialize(), 0);
+    this->file.fail_commit(first + 2, error.system);
+    std::vector<long> pages = this->sequence(first, first + 4);
+    unsigned long done = 77;
+    EXPECT_EQ(fresh.recommit_pages_and_record(pages.data(), pages.size(), done), -1);
+    EXPECT_EQ(errno, error.seen);
+    EXPECT_EQ(done, 2U);
+    EXPECT_EQ(records(first, first + 4), "F~ F~ N N N");
+    EXPECT_EQ(printed(fresh), std::to_string(first) + " " + std::to_string(first + 1) + " \n");
+    EXPECT_EQ(ranges_of(*fresh.defunded_list()),
+              "[" + std::to_string(first + 2) + "," + std::to_string(first + 5) + ") ");
+    EXPECT_EQ(counters(fresh), "free 2 (0..2) defunded 3");
+    EXPECT_EQ(this->file.commits(first + 3), 0);
+    const LogLine line{4, "Obtained errno=" + std::to_string(error.seen) +
+                              " when attempting to commit memory for page " + std::to_string(first + 2)};
+    EXPECT_EQ(LogCapture::lines(), std::vector<LogLine>{line});
+    first += 10;
+  }
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_FirstCommitFails_NothingIsListed) {
+  this->file.fail_commit(30, ENOSPC);
+  EXPECT_EQ(this->recommit({30, 31}), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(this->recommitted, 0U);
+  EXPECT_EQ(printed(this->list), "\n");
+  EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), 0U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[30,32) ");
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_NoMemoryToFileThemAsDefunded_IsFatal) {
+  this->file.fail_commit(30, ENOSPC);
+  std::vector<long> pages{30};
+  const auto recommit_without_memory = [&] {
+    set_log_callback(nullptr, 0);  // keeping lines takes memory too
+    Faults::fail(Call::operator_new, ENOMEM, 0, kForever);
+    this->list.recommit_pages_and_record(pages.data(), 1, this->recommitted);
+  };
+  EXPECT_DEATH(recommit_without_memory(), dies_with(kAllocatorUnit, "ENOMEM when freeing a block not handled yet"));
+}
+
+TYPED_TEST(FreeListTest, RecommitPages_CommitsWithoutAnyMutex) {
+  const ListMutexes mutexes(this->list);
+  int calls = 0;
+  this->file.before = [&](PageFile::Work, long) {
+    ++calls;
+    EXPECT_FALSE(is_held(mutexes.free));
+    EXPECT_FALSE(is_held(mutexes.defunded));
+    return 0;
+  };
+  EXPECT_EQ(mutexes.order_in([this] { this->recommit({30, 31}); }), "free+ free- free+ free- ");
+  EXPECT_EQ(calls, 2);
+}
+
+TYPED_TEST(FreeListTest, RecommitMemory_BringsUncommittedPagesBack) {
+  this->add_funded(0, 99);
+  ASSERT_EQ(this->list.uncommit_memory(100, this->uncommitted, this->populated), 0);
+  EXPECT_EQ(this->list.recommit_memory(80, this->recommitted), 0);
+  EXPECT_EQ(this->recommitted, 80U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[80,100) ");
+  EXPECT_EQ(counters(this->list), "free 80 (0..100) defunded 20");
+  EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), 80U);
+  EXPECT_EQ(this->list.recommit_memory(80, this->recommitted), 0);
+  EXPECT_EQ(this->recommitted, 20U);
+  EXPECT_EQ(counters(this->list), "free 100 (0..100) defunded 0");
+}
+
+TYPED_TEST(FreeListTest, RecommitMemory_SystemRunsOutInTheSecondChunk_KeepsWhatWasDone) {
+  this->add_funded(0, 99);
+  ASSERT_EQ(this->list.uncommit_memory(100, this->uncommitted, this->populated), 0);
+  this->file.fail_commit(70, ENOSPC);
+  EXPECT_EQ(this->list.recommit_memory(100, this->recommitted), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(this->recommitted, 70U);
+  EXPECT_EQ(ranges_of(*this->list.defunded_list()), "[70,100) ");
+  EXPECT_EQ(counters(this->list), "free 70 (0..100) defunded 30");
+}
+
+// Refreshing.
+
+TYPED_TEST(FreeListTest, Refresh_ReplacesTheMemoryOfFundedPagesAndLeavesThemLocked) {
+  this->fund(10, 11);
+  this->fund(13, 14);
+  ASSERT_EQ(this->list.add_pages(10, 14), 0);
+  this->locked({11});
+  unsigned long refreshed = 77;
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  EXPECT_EQ(refreshed, 3U);
+  EXPECT_EQ(records(10, 14), "F* F* N F* F*");
+  EXPECT_EQ(printed(this->list), "10 11 12 13 14 \n");
+  EXPECT_EQ(counters(this->list), "free 5 (0..5) defunded 0");
+  EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), 0U);
+  for (const long page : {10, 13, 14}) {
+    EXPECT_EQ(this->file.punches(page), 1);
+    EXPECT_EQ(this->file.commits(page), 2);
+    EXPECT_TRUE(this->file.has_memory(page));
+    errno = 0;
+    EXPECT_EQ(record(page)->try_lock(), -1);
+    EXPECT_EQ(errno, EBUSY);
+  }
+  for (const long page : {11, 12}) {
+    EXPECT_EQ(this->file.punches(page), 0);
+  }
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  EXPECT_EQ(refreshed, 0U);
+}
+
+TYPED_TEST(FreeListTest, Refresh_PagesCanNoLongerBeUncommittedButStillBeAllocated) {
+  this->add_funded(10, 12);
+  unsigned long refreshed = 77;
+  ASSERT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  const std::string before = everything(this->list);
+  EXPECT_EQ(this->list.uncommit_memory(3, this->uncommitted, this->populated), 0);
+  EXPECT_EQ(this->uncommitted, 0U);
+  EXPECT_EQ(everything(this->list), before);
+  long page = 0;
+  bool funded = true;
+  EXPECT_EQ(this->list.allocate_page(page, funded), 0);
+  EXPECT_EQ(records(10, 12), "A* F* F*");
+}
+
+TYPED_TEST(FreeListTest, Refresh_PunchFails_PageIsPassedOverAndStaysLocked) {
+  this->add_funded(10, 12);
+  this->file.fail_punch(11, EIO);
+  unsigned long refreshed = 77;
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  EXPECT_EQ(refreshed, 2U);
+  EXPECT_EQ(records(10, 12), "F* F* F*");
+  EXPECT_EQ(this->file.commits(11), 1);
+}
+
+TYPED_TEST(FreeListTest, Refresh_CommitFails_EndsThereWithThePageNotFundedAndLocked) {
+  this->add_funded(10, 12);
+  this->add_funded(20, 21);
+  this->file.fail_commit(11, ENOSPC);
+  unsigned long refreshed = 77;
+  errno = 0;
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(refreshed, 1U);
+  EXPECT_EQ(records(10, 12), "F* N* F");
+  EXPECT_EQ(records(20, 21), "F F");
+  EXPECT_EQ(this->file.punches(12), 0);
+  EXPECT_EQ(this->file.punches(20), 0);
+  EXPECT_EQ(counters(this->list), "free 5 (0..5) defunded 0");
+}
+
+TYPED_TEST(FreeListTest, Refresh_RunsUnderTheFreeListMutex) {
+  const ListMutexes mutexes(this->list);
+  this->add_funded(10, 10);
+  int calls = 0;
+  this->file.before = [&](PageFile::Work, long) {
+    ++calls;
+    EXPECT_TRUE(is_held(mutexes.free));
+    EXPECT_FALSE(is_held(mutexes.defunded));
+    return 0;
+  };
+  unsigned long refreshed = 0;
+  EXPECT_EQ(this->list.refresh_free_pages(refreshed), 0);
+  EXPECT_EQ(calls, 2);
+}
+
+// Everything at once.
+
+TYPED_TEST(FreeListTest, Threads_AllocateFreeUncommitAndRecommit_NoPageIsLostOrDoubled) {
+  constexpr bool kIsQueue = std::is_same_v<TypeParam, PMEM_PageQueue>;
+  constexpr long kUsed = 150;
+  this->fund(0, kUsed / 2);
+  ASSERT_EQ(this->list.add_pages(0, kUsed - 1), 0);
+  std::atomic<int> work{0};
+  this->file.before = [&work](PageFile::Work what, long) {
+    const int n = ++work;
+    std::this_thread::yield();
+    return what == PageFile::Work::Punch ? (n % 7 == 0 ? EINTR : 0) : (n % 11 == 0 ? ENOSPC : 0);
+  };
+  std::atomic<int> holders[kUsed] = {};
+  std::atomic<int> doubled{0};
+  std::atomic<int> allocations{0};
+  std::atomic<unsigned long> moved{0};
+  TypeParam& tested = this->list;
+
+  const auto allocate_and_free = [&](std::mt19937& generator) {
+    std::vector<std::pair<long, unsigned long>> held;
+    const auto take = [&](long start, unsigned long count) {
+      for (unsigned long i = 0; i < count; ++i) {
+        doubled += holders[static_cast<unsigned long>(start) + i].exchange(1);
+      }
+      held.emplace_back(start, count);
+      ++allocations;
+    };
+    const auto give = [&](size_t i) {
+      const auto [start, count] = held[i];
+      held.erase(held.begin() + static_cast<long>(i));
+      for (unsigned long k = 0; k < count; ++k) {
+        holders[static_cast<unsigned long>(start) + k] = 0;
+      }
+      EXPECT_EQ(count == 1 ? tested.free_page(start) : tested.free_block(start, count), 0);
+    };
+    for (int i = 0; i < 4000; ++i) {
+      long page = -1;
+      bool funded = false;
+      unsigned long got = 0;
+      switch (generator() % 4) {
+        case 0:
+          if (tested.allocate_page(page, funded) == 0) {
+            take(page, 1);
+          }
+          break;
+        case 1:  // not in a list of ranges: what is found inside a range stays in it
+          if (kIsQueue && tested.allocate_funded_page(page) == 0) {
+            take(page, 1);
+          }
+          break;
+        case 2: {
+          const unsigned long count = 2 + generator() % 6;
+          if (!kIsQueue && tested.allocate_block(page, count, got) == 0) {
+            take(page, count);
+          }
+          break;
+        }
+        default:
+          break;
+      }
+      while (held.size() > 6 || (!held.empty() && generator() % 2 == 0)) {
+        give(generator() % held.size());
+      }
+    }
+    while (!held.empty()) {
+      give(0);
+    }
+  };
+  const auto uncommit = [&](std::mt19937& generator) {
+    for (int i = 0; i < 600; ++i) {
+      unsigned long done = 0;
+      unsigned long cleared = 0;
+      EXPECT_EQ(tested.uncommit_memory(1 + generator() % 90, done, cleared), 0);
+      moved += done;
+    }
+  };
+  const auto recommit = [&](std::mt19937& generator) {
+    for (int i = 0; i < 600; ++i) {
+      unsigned long done = 0;
+      tested.recommit_memory(1 + generator() % 90, done);
+      moved += done;
+      while (PMEM_PageAllocator::needs_pretouch_list_size() > 40) {
+        PMEM_PageAllocator::remove_page_from_needs_pretouch_list();
+      }
+    }
+  };
+  const unsigned seed = test_seed();
+  SCOPED_TRACE("OXPLIV_TEST_SEED=" + std::to_string(seed));
+  run_at_once(seed, {allocate_and_free, allocate_and_free, uncommit, recommit, recommit});
+
+  EXPECT_EQ(doubled, 0);
+  EXPECT_GT(allocations, 0);
+  EXPECT_GT(moved, 0U);
+  std::vector<int> found(kUsed, 0);
+  std::istringstream text(printed(tested));
+  unsigned long free = 0;
+  for (long page = 0; text >> page; ++free) {
+    ++found[static_cast<size_t>(page)];
+    EXPECT_TRUE(record(page)->is_allocatable()) << page;
+  }
+  EXPECT_EQ(tested.free_pages(), free);
+  struct Mark : Allocator_Closure {
+    explicit Mark(std::vector<int>& all) : pages(all) {}
+    bool do_closure(unsigned long start, unsigned long size) override {
+      for (unsigned long page = start; page < start + size; ++page, ++count) {
+        ++pages[page];
+        EXPECT_TRUE(record(static_cast<long>(page))->is_not_funded()) << page;
+      }
+      return true;
+    }
+    std::vector<int>& pages;
+    unsigned long count = 0;
+  } mark(found);
+  tested.defunded_list()->free_blocks_do_closure(&mark);
+  EXPECT_EQ(tested.defunded_pages(), mark.count);
+  EXPECT_EQ(found, std::vector<int>(kUsed, 1));
+  for (long page = 0; page < kUsed; ++page) {
+    EXPECT_FALSE(record(page)->is_locked()) << page;
+    EXPECT_EQ(record(page)->is_funded(), this->file.has_memory(page)) << page;
+  }
+  unsigned long linked = 0;
+  for (long page = 0; page < kUsed; ++page) {
+    linked += record(page)->next_pretouch_page() != nullptr ? 1U : 0U;
+  }
+  EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), linked);
+  EXPECT_EQ(this->drain_needs_pretouch_list().size(), linked);
 }
 
 }  // namespace
