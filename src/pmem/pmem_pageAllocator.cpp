@@ -413,7 +413,10 @@ long PMEM_PageQueue::free_page(long page) {
   const MutexLocker locker(free_list_mutex());
   record->change_state_to_free_from_allocated();
   increment_free_pages(1);
-  insert(record);
+  const bool is_linked = record->next() != nullptr || record == _tail;
+  if (!is_linked) {  // what allocate_specific_page handed out may still be; linked twice, it would cut the queue
+    insert(record);
+  }
   return 0;
 }
 

@@ -438,4 +438,18 @@ TEST_F(PageQueueTest, TestAddPageToDefund_FilesThePageWithoutCountersOrLock) {
   EXPECT_EQ(counters(queue), "free 0 (0..0) defunded 0");
 }
 
+// A page handed out by number stays linked until allocate_page passes it, so freeing it must not link it once more.
+TEST_F(PageQueueTest, FreePage_HandedOutByNumberAndStillLinked_KeepsTheWholeQueue) {
+  add(10, "FFFF");
+  for (const long specific : {10L, 11L, 13L}) {
+    SCOPED_TRACE(specific);
+    ASSERT_EQ(queue.allocate_specific_page(specific, funded), 0);
+    EXPECT_EQ(queue.free_pages(), 3U);
+    EXPECT_EQ(queue.free_page(specific), 0);
+    EXPECT_EQ(linked(), "10 11 12 13 ");
+    EXPECT_EQ(queue.free_pages(), 4U);
+    queue.validate();
+  }
+}
+
 }  // namespace
