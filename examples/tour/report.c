@@ -46,6 +46,7 @@ static void report_zones(void) {
   printf("    zone  hands out      free  allocated     lowest    highest   defunded\n");
   report_zone(tour.blocks_zone, "runs");
   report_zone(tour.singles_zone, "singles");
+  printf("    Lowest and highest count what a zone may still grow by as allocated.\n");
 }
 
 static void compare_row(const char* name, uint64_t heap, uint64_t side, uint64_t unit) {
