@@ -42,11 +42,11 @@ typedef int32_t (*ox_pliv_safe_fetch32_t)(int32_t* address, int32_t error_value)
  * What ox_initialize_pliv is given. Read during that call only; nothing keeps a pointer to it.
  */
 typedef struct ox_pliv_configuration_t {
-  const char* backing_storage_path; /* directory (mount point of tmpfs or hugetlbfs) for the backing file; null: memfd
+  const char* backing_storage_path;   /* directory (mount point of tmpfs or hugetlbfs) for the backing file; null: memfd
                                        first, then the built-in mount points */
-  uint64_t initial_commit_bytes;    /* memory to be committed at start, bytes */
-  uint64_t max_commit_bytes;        /* upper bound of committed memory, bytes */
-  uint8_t use_explicit_huge_pages;  /* boolean: back the memory with hugetlbfs */
+  uint64_t initial_commit_bytes;      /* memory to be committed at start, bytes */
+  uint64_t max_commit_bytes;          /* upper bound of committed memory, bytes */
+  uint8_t use_explicit_huge_pages;    /* boolean: back the memory with hugetlbfs */
   uint8_t use_transparent_huge_pages; /* boolean: ask for transparent huge pages in madvise mode */
   uint8_t aggressively_acquire_thp;   /* boolean: in madvise mode always commit by mapping and touching */
   uint8_t prefund;                    /* boolean: commit all of the initial commit when zones are created (otherwise
@@ -70,7 +70,7 @@ typedef struct ox_pliv_pmem_stats_t {
   uint64_t total_mapped_bytes; /* sum of the pages' mapping reference counts x 2 MiB */
   uint64_t unmapped_bytes;     /* page unmappings so far x 2 MiB; never falls */
 } ox_pliv_pmem_stats_t;
-OX_PLIV_STATIC_ASSERT(pmem_stats_size, sizeof(ox_pliv_pmem_stats_t) == 3 * 8);
+OX_PLIV_STATIC_ASSERT(pmem_stats_size, sizeof(ox_pliv_pmem_stats_t) == 3 * sizeof(uint64_t));
 OX_PLIV_STATIC_ASSERT(pmem_stats_mapped, offsetof(ox_pliv_pmem_stats_t, total_mapped_bytes) == 8);
 OX_PLIV_STATIC_ASSERT(pmem_stats_unmapped, offsetof(ox_pliv_pmem_stats_t, unmapped_bytes) == 16);
 
@@ -82,7 +82,7 @@ typedef struct ox_pliv_pzone_stats_t {
   uint64_t allocated_high_bytes; /* highest allocation since the last reset */
   uint64_t defunded_bytes;       /* given back to the system, waiting to be committed again */
 } ox_pliv_pzone_stats_t;
-OX_PLIV_STATIC_ASSERT(pzone_stats_size, sizeof(ox_pliv_pzone_stats_t) == 5 * 8);
+OX_PLIV_STATIC_ASSERT(pzone_stats_size, sizeof(ox_pliv_pzone_stats_t) == 5 * sizeof(uint64_t));
 OX_PLIV_STATIC_ASSERT(pzone_stats_allocated, offsetof(ox_pliv_pzone_stats_t, allocated_bytes) == 8);
 OX_PLIV_STATIC_ASSERT(pzone_stats_low, offsetof(ox_pliv_pzone_stats_t, allocated_low_bytes) == 16);
 OX_PLIV_STATIC_ASSERT(pzone_stats_high, offsetof(ox_pliv_pzone_stats_t, allocated_high_bytes) == 24);
@@ -90,20 +90,20 @@ OX_PLIV_STATIC_ASSERT(pzone_stats_defunded, offsetof(ox_pliv_pzone_stats_t, defu
 
 /* One registered space. The last seven words stay 0 for a space without a cache. */
 typedef struct ox_pliv_space_stats_t {
-  uint64_t map_count;            /* mappings made over managed pages; a count */
-  uint64_t map_stomp_count;      /* of those, laid over an older mapping; a count */
-  uint64_t premap_reuse_count;   /* multi-page allocations answered from the premapped region; a count */
-  uint64_t premap_fail_count;    /* single-page allocations whose page lay outside the premapped region; a count */
-  uint64_t high_watermark_bytes; /* highest page number ever handed out x 2 MiB; -2 MiB when none was */
-  uint64_t cached_bytes;         /* held in the cache now */
-  uint64_t cached_low_bytes;     /* lowest since the last reset */
-  uint64_t cached_high_bytes;    /* highest since the last reset */
-  uint64_t cache_hits;           /* count */
-  uint64_t cache_misses;         /* count */
+  uint64_t map_count;             /* mappings made over managed pages; a count */
+  uint64_t map_stomp_count;       /* of those, laid over an older mapping; a count */
+  uint64_t premap_reuse_count;    /* multi-page allocations answered from the premapped region; a count */
+  uint64_t premap_fail_count;     /* single-page allocations whose page lay outside the premapped region; a count */
+  uint64_t high_watermark_bytes;  /* highest page number ever handed out x 2 MiB; -2 MiB when none was */
+  uint64_t cached_bytes;          /* held in the cache now */
+  uint64_t cached_low_bytes;      /* lowest since the last reset */
+  uint64_t cached_high_bytes;     /* highest since the last reset */
+  uint64_t cache_hits;            /* count */
+  uint64_t cache_misses;          /* count */
   uint64_t cache_partial_flushes; /* flushes that left pages cached; a count */
   uint64_t cache_full_flushes;    /* flushes that emptied the cache; a count */
 } ox_pliv_space_stats_t;
-OX_PLIV_STATIC_ASSERT(space_stats_size, sizeof(ox_pliv_space_stats_t) == 12 * 8);
+OX_PLIV_STATIC_ASSERT(space_stats_size, sizeof(ox_pliv_space_stats_t) == 12 * sizeof(uint64_t));
 OX_PLIV_STATIC_ASSERT(space_stats_stomp, offsetof(ox_pliv_space_stats_t, map_stomp_count) == 8);
 OX_PLIV_STATIC_ASSERT(space_stats_reuse, offsetof(ox_pliv_space_stats_t, premap_reuse_count) == 16);
 OX_PLIV_STATIC_ASSERT(space_stats_fail, offsetof(ox_pliv_space_stats_t, premap_fail_count) == 24);
@@ -130,7 +130,7 @@ typedef struct account_usage_t {
   int64_t not_kept_2;          /* always -1 */
   uint64_t not_kept_3;         /* always 0 */
 } account_usage_t;
-OX_PLIV_STATIC_ASSERT(account_usage_size, sizeof(account_usage_t) == 11 * 8);
+OX_PLIV_STATIC_ASSERT(account_usage_size, sizeof(account_usage_t) == 11 * sizeof(uint64_t));
 OX_PLIV_STATIC_ASSERT(account_usage_low, offsetof(account_usage_t, balance_low_bytes) == 8);
 OX_PLIV_STATIC_ASSERT(account_usage_high, offsetof(account_usage_t, balance_high_bytes) == 16);
 OX_PLIV_STATIC_ASSERT(account_usage_used, offsetof(account_usage_t, used_bytes) == 24);
@@ -162,9 +162,9 @@ typedef struct ox_pliv_fund_stats_buffer_t {
   ox_pliv_fund_t funds[OX_PLIV_ACCOUNT_COUNT];
   uint64_t limits[2]; /* 0x7FFFFFFFFFFFFFFF each */
 } ox_pliv_fund_stats_buffer_t;
-OX_PLIV_STATIC_ASSERT(fund_stats_buffer_size, sizeof(ox_pliv_fund_stats_buffer_t) == 27 * 8);
+OX_PLIV_STATIC_ASSERT(fund_stats_buffer_size, sizeof(ox_pliv_fund_stats_buffer_t) == 27 * sizeof(uint64_t));
 OX_PLIV_STATIC_ASSERT(fund_stats_buffer_funds, offsetof(ox_pliv_fund_stats_buffer_t, funds) == 8);
-OX_PLIV_STATIC_ASSERT(fund_stats_buffer_limits, offsetof(ox_pliv_fund_stats_buffer_t, limits) == 25 * 8);
+OX_PLIV_STATIC_ASSERT(fund_stats_buffer_limits, offsetof(ox_pliv_fund_stats_buffer_t, limits) == 25 * sizeof(uint64_t));
 
 #ifdef __cplusplus
 }

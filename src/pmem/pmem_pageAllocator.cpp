@@ -162,12 +162,7 @@ long PMEM_PageAllocator::recommit_pages_and_record(long* pages, unsigned long n,
     if (result != 0) {
       log(OX_PLIV_LOG_INFO, "Obtained errno=%d when attempting to commit memory for page %d", errno,
           static_cast<int>(pages[i]));
-      const ErrnoKeeper keeper;
-      for (unsigned long rest = i; rest < n; ++rest) {
-        if (restore_page_to_defunded_list(pages[rest]) != 0) {
-          die(kNoMemoryFreeingPage);
-        }
-      }
+      restore_pages_to_defunded_list(pages + i, n - i);
       return result;
     }
     add_page_to_needs_pretouch_list(pages[i]);
@@ -177,6 +172,16 @@ long PMEM_PageAllocator::recommit_pages_and_record(long* pages, unsigned long n,
     ++recommitted;
   }
   return 0;
+}
+
+// Undoes the rest of a recommit; errno stays.
+void PMEM_PageAllocator::restore_pages_to_defunded_list(const long* pages, unsigned long n) {
+  const ErrnoKeeper keeper;
+  for (unsigned long i = 0; i < n; ++i) {
+    if (restore_page_to_defunded_list(pages[i]) != 0) {
+      die(kNoMemoryFreeingPage);
+    }
+  }
 }
 
 long PMEM_PageAllocator::uncommit_pages_and_record(long* pages, unsigned long n, unsigned long& uncommitted,

@@ -85,6 +85,7 @@ class PMEM_PageAllocator {
 
  private:
   unsigned long collect_defunded_pages(long* pages, unsigned long n);
+  void restore_pages_to_defunded_list(const long* pages, unsigned long n);
 
   Relaxed<unsigned long> _free_pages;
   Relaxed<unsigned long> _free_pages_low;
