@@ -78,11 +78,30 @@ TEST(Exports, DefinedSymbols_AreAllFunctions) {
 
 TEST(Exports, SystemCalls_GoThroughTheLargeFileNamesOfTheCLibrary) {
   const Names undefined = symbols("--undefined-only");
-  for (const char* needed :
-       {"mmap64", "munmap", "mprotect", "madvise", "fallocate64", "ftruncate64", "open64", "close", "unlink", "access",
-        "statfs64", "fstatfs64", "syscall", "sysconf", "uname", "getpid", "nanosleep", "sched_yield",
-        "pthread_mutex_init", "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_sigmask", "sigfillset",
-        "sigdelset"}) {
+  for (const char* needed : {"mmap64",
+                             "munmap",
+                             "mprotect",
+                             "madvise",
+                             "fallocate64",
+                             "ftruncate64",
+                             "open64",
+                             "close",
+                             "unlink",
+                             "access",
+                             "statfs64",
+                             "fstatfs64",
+                             "syscall",
+                             "sysconf",
+                             "uname",
+                             "getpid",
+                             "nanosleep",
+                             "sched_yield",
+                             "pthread_mutex_init",
+                             "pthread_mutex_lock",
+                             "pthread_mutex_unlock",
+                             "pthread_sigmask",
+                             "sigfillset",
+                             "sigdelset"}) {
     EXPECT_TRUE(undefined.contains(needed)) << needed;
   }
   for (const char* refused : {"mmap", "open", "fallocate", "ftruncate"}) {

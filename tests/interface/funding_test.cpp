@@ -215,7 +215,7 @@ TEST_F(Funding, UncommitAllMemory_EmptiesTheFileAndClosesIt) {
   const int kept = dup(file);
   EXPECT_EQ(committed_bytes(), pages(5));
   EXPECT_EQ(ox().pmem_uncommit_all_memory(), 0);
-  struct stat status{};
+  struct stat status {};
   ASSERT_EQ(fstat(kept, &status), 0);
   EXPECT_EQ(status.st_blocks, 0);
   EXPECT_EQ(status.st_size, static_cast<long>(pages(16)));

@@ -1,11 +1,9 @@
 /* The public header first and twice: it needs nothing before it and may be included again. */
-#include "oxpliv/ox_memory_pliv.h"
-#include "oxpliv/ox_memory_pliv.h"
-
 #include <stdio.h>
 #include <string.h>
 
 #include "functions.hpp"
+#include "oxpliv/ox_memory_pliv.h"
 
 static int failures = 0;
 
@@ -17,11 +15,11 @@ static void check(const char* what, long long is, long long expected) {
 }
 
 /* Every function declared, linked, and not null: the address is taken through a volatile so that it is looked up. */
-#define OX_CHECK(name)                                                               \
-  {                                                                                  \
-    void (*volatile function)(void) = (void (*)(void))ox_##name##_pliv;              \
-    check("declared and linked: " #name, function != NULL, 1);                       \
-    ++functions;                                                                     \
+#define OX_CHECK(name)                                                  \
+  {                                                                     \
+    void (*volatile function)(void) = (void (*)(void))ox_##name##_pliv; \
+    check("declared and linked: " #name, function != NULL, 1);          \
+    ++functions;                                                        \
   }
 
 int main(void) {

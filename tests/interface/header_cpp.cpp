@@ -1,10 +1,9 @@
 // The public header first: it needs nothing before it.
-#include "oxpliv/ox_memory_pliv.h"
-
 #include <cstdint>
 #include <cstring>
 
 #include "functions.hpp"
+#include "oxpliv/ox_memory_pliv.h"
 
 namespace {
 

@@ -24,13 +24,13 @@ namespace oxiface {
 
 constexpr uint64_t kPage = 0x200000;
 constexpr int kReadWrite = PROT_READ | PROT_WRITE;
-constexpr int kNoTracking = 0x8000000;        // reservation flag
-constexpr int kMapAll = 1;                    // space flag
-constexpr int kCached = 2;                    // space flag
-constexpr int kMultiPage = 1;                 // alias flag
-constexpr int kPopulate = 2;                  // alias flag
-constexpr unsigned kAny = 77;                 // for arguments that are ignored
-constexpr int64_t kPartial = INT64_MIN;       // account word: a partial result is allowed
+constexpr int kNoTracking = 0x8000000;   // reservation flag
+constexpr int kMapAll = 1;               // space flag
+constexpr int kCached = 2;               // space flag
+constexpr int kMultiPage = 1;            // alias flag
+constexpr int kPopulate = 2;             // alias flag
+constexpr unsigned kAny = 77;            // for arguments that are ignored
+constexpr int64_t kPartial = INT64_MIN;  // account word: a partial result is allowed
 
 constexpr uint64_t pages(uint64_t count) {
   return count * kPage;
@@ -152,13 +152,13 @@ inline Words<5> zone_of(const Words<5>& in_pages) {
 
 // Bytes of the backing file that the file system has really given.
 inline uint64_t committed_bytes() {
-  struct stat status{};
+  struct stat status {};
   EXPECT_EQ(fstat(static_cast<int>(ox().pmem_backing_storage_fd()), &status), 0);
   return static_cast<uint64_t>(status.st_blocks) * 512;
 }
 
 inline uint64_t file_bytes() {
-  struct stat status{};
+  struct stat status {};
   EXPECT_EQ(fstat(static_cast<int>(ox().pmem_backing_storage_fd()), &status), 0);
   return static_cast<uint64_t>(status.st_size);
 }

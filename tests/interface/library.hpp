@@ -27,11 +27,11 @@ inline const Library& ox() {
       std::abort();
     }
     Library found;
-#define OX_RESOLVE(name)                                                                    \
+#define OX_RESOLVE(name)                                                                   \
   found.name = reinterpret_cast<decltype(found.name)>(dlsym(handle, "ox_" #name "_pliv")); \
-  if (found.name == nullptr) {                                                              \
-    std::fprintf(stderr, "%s\n", dlerror());                                                \
-    std::abort();                                                                           \
+  if (found.name == nullptr) {                                                             \
+    std::fprintf(stderr, "%s\n", dlerror());                                               \
+    std::abort();                                                                          \
   }
     OX_FUNCTIONS(OX_RESOLVE)
 #undef OX_RESOLVE

@@ -219,9 +219,8 @@ TEST_F(Spaces, MultimapWithinSpace_BeyondTheFile_IsRefused) {
   zone(0, 8, 16);
   const long id = space(32, 0, 0, 0);
   char* const a = alias(id, 32);
-  expect_refused(
-      {{"last page", [=] { return ox().multimap_within_space(id, a + pages(16), kPage, kReadWrite, 0); }},
-       {"half", [=] { return ox().multimap_within_space(id, a + pages(15), pages(2), kReadWrite, 0); }}});
+  expect_refused({{"last page", [=] { return ox().multimap_within_space(id, a + pages(16), kPage, kReadWrite, 0); }},
+                  {"half", [=] { return ox().multimap_within_space(id, a + pages(15), pages(2), kReadWrite, 0); }}});
   EXPECT_THAT(Log::take(), testing::Contains(LogLine{1, "Mapping to backing storage failed with errno 22"}).Times(2));
 }
 
@@ -287,8 +286,8 @@ TEST_F(Spaces, Allocate_LargerThanCounts_AnswersEnomem) {
   const long id = space(16, 0, 0, 0);
   alias(id, 16);
   char* const memory = allocate(id, 1);
-  for (const uint64_t length : {pages(uint64_t{1} << 31), pages(uint64_t{1} << 32), pages((uint64_t{1} << 32) + 1),
-                                uint64_t{0} - kPage}) {
+  for (const uint64_t length :
+       {pages(uint64_t{1} << 31), pages(uint64_t{1} << 32), pages((uint64_t{1} << 32) + 1), uint64_t{0} - kPage}) {
     expect_refused({
         {"allocate", [=] { return ox().mmap_within_space(id, 0, length, 2, 0); }, ENOMEM},
         {"free", [=] { return ox().munmap_from_space(id, memory, length, 2, 0); }, EFAULT},

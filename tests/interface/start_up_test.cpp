@@ -161,19 +161,19 @@ TEST_F(StartUp, LogLevels_DeliverTheirOwnAndLowerOnes) {
   };
   start(4, 16);
   for (const auto& [threshold, error, information, detail] : std::vector<Case>{{-3, false, false, false},
-                                                                             {0, false, false, false},
-                                                                             {1, true, false, false},
-                                                                             {2, true, false, false},
-                                                                             {3, true, false, false},
-                                                                             {4, true, true, false},
-                                                                             {5, true, true, true},
-                                                                             {9, true, true, true}}) {
+                                                                               {0, false, false, false},
+                                                                               {1, true, false, false},
+                                                                               {2, true, false, false},
+                                                                               {3, true, false, false},
+                                                                               {4, true, true, false},
+                                                                               {5, true, true, true},
+                                                                               {9, true, true, true}}) {
     SCOPED_TRACE(threshold);
     Log::start(threshold);
     Log::take();
-    EXPECT_EQ(ox().create_pzone(0, 0, pages(17), 1), 255);                   // level 1
-    EXPECT_EQ(ox().report_stats(), 0);                                       // level 4
-    EXPECT_EQ(ox().register_space(0, kPage, 0, 0), -1);                      // level 5, and refused
+    EXPECT_EQ(ox().create_pzone(0, 0, pages(17), 1), 255);  // level 1
+    EXPECT_EQ(ox().report_stats(), 0);                      // level 4
+    EXPECT_EQ(ox().register_space(0, kPage, 0, 0), -1);     // level 5, and refused
     const auto log = Log::take();
     const auto seen = [&](int level) {
       return std::any_of(log.begin(), log.end(), [&](const LogLine& line) { return line.level == level; });

@@ -69,16 +69,16 @@ TEST_F(Statistics, SpaceRecord_WordsByPosition) {
   zone(0, 16, 16);
   const long id = space(32, 4, 4, kMapAll | kCached);
   char* const base = alias(id, 32);
-  EXPECT_EQ(allocate(id, 2), base);                       // premapped reuse
-  char* const a = allocate(id, 4);                        // physical pages 2 to 5
+  EXPECT_EQ(allocate(id, 2), base);  // premapped reuse
+  char* const a = allocate(id, 4);   // physical pages 2 to 5
   EXPECT_EQ(a, base + pages(4));
-  char* const b = allocate(id, 1);                        // physical page 6: a premap failure
-  ASSERT_EQ(release(id, b, 1, 3), 0);                     // not into the cache
-  ASSERT_EQ(allocate(id, 1), b);                          // over the old mapping
+  char* const b = allocate(id, 1);     // physical page 6: a premap failure
+  ASSERT_EQ(release(id, b, 1, 3), 0);  // not into the cache
+  ASSERT_EQ(allocate(id, 1), b);       // over the old mapping
   ASSERT_EQ(release(id, a, 4), 0);
   ASSERT_EQ(release(id, b, 1), 0);
   ASSERT_EQ(allocate(id, 1), b);
-  char* const c = allocate(id, 3);                        // a miss
+  char* const c = allocate(id, 3);  // a miss
   ASSERT_EQ(release(id, c, 3), 0);
 
   std::array<uint64_t, 13> words;
@@ -213,8 +213,9 @@ TEST_F(Statistics, ReportStats_NewSpace_HasWatermarkMinusOne) {
   Log::take();
   EXPECT_EQ(ox().report_stats(), 0);
   EXPECT_EQ(Log::take(),
-            (std::vector<LogLine>{{4, "VMEM map count 0, map stomp count 0, premap reuse count 0, premap fail count 0, "
-                                      "watermark page -1"},
+            (std::vector<LogLine>{{4,
+                                   "VMEM map count 0, map stomp count 0, premap reuse count 0, premap fail count 0, "
+                                   "watermark page -1"},
                                   {4, "PMEM total map count 0 total ref count 0, unmapped page count 0"}}));
 }
 

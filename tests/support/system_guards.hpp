@@ -1,7 +1,7 @@
 #pragma once
 
-// Guards over what belongs to the whole machine. Each puts back what it found; nothing here knows of the library, so that
-// black-box tests can use it too.
+// Guards over what belongs to the whole machine. Each puts back what it found; nothing here knows of the library, so
+// that black-box tests can use it too.
 
 #include <stdlib.h>
 #include <sys/mount.h>
