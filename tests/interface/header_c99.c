@@ -1,9 +1,12 @@
-/* The public header first and twice: it needs nothing before it and may be included again. */
+/* clang-format off */
+#include "oxpliv/ox_memory_pliv.h"  /* first: it needs nothing before it */
+#include "oxpliv/ox_memory_pliv.h"  /* and again: it may be included twice */
+/* clang-format on */
+
 #include <stdio.h>
 #include <string.h>
 
 #include "functions.hpp"
-#include "oxpliv/ox_memory_pliv.h"
 
 static int failures = 0;
 

@@ -1,9 +1,11 @@
-// The public header first: it needs nothing before it.
+// clang-format off
+#include "oxpliv/ox_memory_pliv.h"  // first: it needs nothing before it
+// clang-format on
+
 #include <cstdint>
 #include <cstring>
 
 #include "functions.hpp"
-#include "oxpliv/ox_memory_pliv.h"
 
 namespace {
 
