@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -41,11 +40,13 @@ Names symbols(const std::string& options) {
 
 // The bracketed values of a tag of the dynamic section.
 Names dynamic_entries(const std::string& tag) {
-  const std::string text = output_of("readelf -dW '" OXPLIV_LIBRARY "'");
-  const std::regex entry("\\(" + tag + "\\)[^\\[]*\\[([^\\]]*)\\]");
+  std::istringstream lines(output_of("readelf -dW '" OXPLIV_LIBRARY "'"));
   Names values;
-  for (auto match = std::sregex_iterator(text.begin(), text.end(), entry); match != std::sregex_iterator(); ++match) {
-    values.insert((*match)[1]);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t open = line.find('[');
+    if (line.find("(" + tag + ")") != std::string::npos && open != std::string::npos) {
+      values.insert(line.substr(open + 1, line.find(']') - open - 1));
+    }
   }
   return values;
 }
@@ -113,11 +114,12 @@ TEST(Exports, NeededLibraries_AreThoseOfTheLanguageAlone) {
   const Names needed = dynamic_entries("NEEDED");
   ASSERT_FALSE(needed.empty());
   EXPECT_TRUE(needed.contains("libc.so.6"));
-  const std::regex allowed(R"((libstdc\+\+|libgcc_s|libc|libm|ld-linux-x86-64)\.so\.[0-9]+)");
-  const std::regex sanitizer(R"(lib(asan|ubsan|tsan|lsan)\.so\.[0-9]+)");
+  const Names language = {"libstdc++", "libgcc_s", "libc", "libm", "ld-linux-x86-64"};
+  const Names sanitizers = {"libasan", "libubsan", "libtsan", "liblsan"};
   const bool sanitized = std::string(OXPLIV_SANITIZE) != "";
   for (const auto& library : needed) {
-    EXPECT_TRUE(std::regex_match(library, allowed) || (sanitized && std::regex_match(library, sanitizer))) << library;
+    const std::string name = library.substr(0, library.find(".so."));
+    EXPECT_TRUE(language.contains(name) || (sanitized && sanitizers.contains(name))) << library;
   }
 }
 
