@@ -1,0 +1,77 @@
+#ifndef OXPLIV_TESTS_INTERFACE_FUNCTIONS_HPP
+#define OXPLIV_TESTS_INTERFACE_FUNCTIONS_HPP
+
+/* Everything that the library exports, without the "ox_" before and the "_pliv" after. Understood by C and C++. */
+#define OX_FUNCTIONS(X)                   \
+  X(initialize)                           \
+  X(set_report_and_die_callback)          \
+  X(set_log_callback)                     \
+  X(mreserve)                             \
+  X(munreserve)                           \
+  X(mmap)                                 \
+  X(munmap)                               \
+  X(register_space)                       \
+  X(unregister_space)                     \
+  X(register_alias_for_space)             \
+  X(register_pzone_for_space)             \
+  X(mmap_within_space)                    \
+  X(munmap_from_space)                    \
+  X(multimap_within_space)                \
+  X(multimap_between_spaces)              \
+  X(munmap_aliases)                       \
+  X(mprotect)                             \
+  X(page_prot)                            \
+  X(populate_page_table_chunk)            \
+  X(pretouch_committed_pages)             \
+  X(get_pzone_for_addr_within_space)      \
+  X(pmem_set_account_maximum)             \
+  X(pmem_fund_account)                    \
+  X(pmem_set_accounts_to_credit)          \
+  X(pmem_reset_account_watermarks)        \
+  X(pmem_prefill_scrubbed_freelist_chunk) \
+  X(pmem_prefill_scrubbed_freelist)       \
+  X(pmem_uncommit_all_memory)             \
+  X(create_pzone)                         \
+  X(pmem_is_funded)                       \
+  X(refresh_free_memory)                  \
+  X(get_stats_for_pmem)                   \
+  X(get_stats_for_pzone)                  \
+  X(reset_watermarks_for_pzone)           \
+  X(get_stats_for_space)                  \
+  X(pmem_get_account_usage)               \
+  X(pmem_get_fund_stats)                  \
+  X(pmem_get_peak_committed)              \
+  X(get_backing_storage_offset)           \
+  X(get_total_mapped_size)                \
+  X(get_total_populated_size)             \
+  X(get_internal_usage)                   \
+  X(report_stats)                         \
+  X(pmem_using_transparent_huge_pages)    \
+  X(pmem_using_explicit_huge_pages)       \
+  X(pmem_backing_storage_fd)              \
+  X(wbd_api_version)                      \
+  X(qrv_version)                          \
+  X(is_running_on_container)              \
+  X(mremap)                               \
+  X(mbatch_remap)                         \
+  X(mbatch_protect)                       \
+  X(mbatch_start)                         \
+  X(mbatch_commit)                        \
+  X(mbatch_abort)                         \
+  X(tlb_invalidate)                       \
+  X(munshatter)                           \
+  X(mprobe)                               \
+  X(mprobe2)                              \
+  X(probe_segv)                           \
+  X(pmem_set_maximum)                     \
+  X(pmem_get_prezero_stats)               \
+  X(pmem_prezero)                         \
+  X(pmem_subsys_initialized)              \
+  X(qrv_is_coredumping)                   \
+  X(select_partition)                     \
+  X(set_lock_flag)                        \
+  X(get_elastic)                          \
+  X(pmem_get_rcontrol)                    \
+  X(pmem_set_account_funds)
+
+#endif
