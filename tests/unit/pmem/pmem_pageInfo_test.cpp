@@ -17,6 +17,7 @@
 #include "fixtures.hpp"
 #include "pmem/pmem_backingStorage.hpp"
 #include "pmem/pmem_helper.hpp"
+#include "race.hpp"
 #include "utils/internalMemoryUsage.hpp"
 
 namespace {
@@ -421,6 +422,10 @@ struct Counter {
   long (PMEM_PageInfo::*add)(int);
 };
 
+std::ostream& operator<<(std::ostream& stream, const Counter& counter) {
+  return stream << counter.name;
+}
+
 class CounterTest : public RecordTest, public testing::WithParamInterface<Counter> {
  protected:
   uint32_t count() const { return (page->*GetParam().read)(); }
@@ -577,6 +582,10 @@ struct Transition {
   const char* from_impossible;
 };
 
+std::ostream& operator<<(std::ostream& stream, const Transition& transition) {
+  return stream << transition.name;
+}
+
 constexpr Transition kTransitions[] = {
     {"ToFreeFromNotFunded", &PMEM_PageInfo::change_state_to_free_from_notfunded, kFree, nullptr,
      "Already a funded page", "Already a funded page", "Already a funded page", "Already a funded page"},
@@ -703,24 +712,13 @@ TEST_F(RecordTest, Lock_HeldByAnother_YieldsUntilItIsReleased) {
 }
 
 TEST_F(RecordTest, Unlock_AnotherBitChangesMeanwhile_Dies) {
-  EXPECT_DEATH(
-      {
-        std::atomic<bool> running = false;
-        std::thread([&] {
-          for (;;) {
-            lock_byte(page).fetch_xor(0x80);
-            running = true;
-          }
-        }).detach();
-        while (!running) {
-        }
-        for (int chance = 0; chance < 50000000; ++chance) {
-          page->lock();
-          page->unlock();
-        }
-        std::_Exit(0);
-      },
-      dies_with(kPath, kUnlockRace));
+  EXPECT_DEATH(oxtest::while_another_bit_changes(lock_byte(page),
+                                                 [&] {
+                                                   page->lock();
+                                                   page->unlock();
+                                                   return false;
+                                                 }),
+               dies_with(kPath, kUnlockRace));
 }
 
 TEST_F(RecordTest, Lock_TwoThreads_ExcludeEachOther) {
@@ -974,7 +972,7 @@ TEST_P(FundIfNecessaryTest, Fund_PageBeyondTheMaximumCommit_IsRefusedByTheBackin
 }
 
 TEST_P(FundIfNecessaryTest, Fund_TwoThreads_EachPageIsCommittedOnce) {
-  constexpr long kPages = 20000;
+  constexpr long kPages = 3000;
   ASSERT_EQ(PMEM_PageInfo::initialize(kPages, false), 0);
   ASSERT_EQ(PMEM_BackingStorage::initialize(0, kPages * kPageBytes, false, false, false, nullptr), 0);
   std::vector<std::atomic<int>> commits(kPages);
@@ -988,7 +986,10 @@ TEST_P(FundIfNecessaryTest, Fund_TwoThreads_EachPageIsCommittedOnce) {
   const auto work = [&](int self) {
     for (long number = 0; number < kPages; ++number) {
       next[self] = number;
-      while (next[1 - self] < number) {  // side by side, so that they meet
+      for (int spins = 0; next[1 - self] < number; ++spins) {  // side by side, so that they meet
+        if (spins % 256 == 255) {
+          oxtest::real::sched_yield();
+        }
       }
       PMEM_PageInfo* const one = PMEM_PageInfo::page_info(number);
       bool funded = false;

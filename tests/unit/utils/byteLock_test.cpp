@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "fixtures.hpp"
+#include "race.hpp"
 
 namespace {
 
@@ -18,27 +19,6 @@ class ByteLockTest : public oxtest::FaultTest {
   static_assert(sizeof(ByteLock) == 1);
 
   std::atomic_ref<uint8_t> byte() { return std::atomic_ref<uint8_t>(*reinterpret_cast<uint8_t*>(&lock)); }
-
-  // Runs `action` while another thread keeps turning bit 7 on and off.
-  template <typename Action>
-  void while_another_bit_changes(Action action) {
-    std::atomic<bool> stop = false;
-    std::atomic<bool> running = false;
-    std::thread other([&] {
-      while (!stop) {
-        byte().fetch_xor(0x80);
-        running = true;
-      }
-    });
-    while (!running) {
-    }
-    action();
-    stop = true;
-    other.join();
-  }
-
-  // What races is given so many chances to happen.
-  static constexpr int kChances = 50000000;
 
   ByteLock lock;
 };
@@ -108,46 +88,42 @@ TEST_F(ByteLockTest, Lock_YieldFails_KeepsWaiting) {
 }
 
 TEST_F(ByteLockTest, Lock_AnotherBitChangesMeanwhile_TriesAgainWithoutYielding) {
-  while_another_bit_changes([&] {
-    for (int i = 0; i < 200000; ++i) {
-      ASSERT_EQ(lock.lock(), 0);
-      ASSERT_TRUE(lock.is_locked());
-      byte().fetch_and(0xfe);
-    }
-  });
+  int rounds = 0;
+  int failures = 0;
+  EXPECT_TRUE(oxtest::while_another_bit_changes(byte(), [&] {
+    failures += lock.lock() != 0 || !lock.is_locked() ? 1 : 0;
+    byte().fetch_and(0xfe);
+    return ++rounds == 1000000;
+  }));
+  EXPECT_EQ(failures, 0);
   EXPECT_EQ(Faults::count(Call::sched_yield), 0);
 }
 
 TEST_F(ByteLockTest, TryLock_AnotherBitChangesMeanwhile_AnswersEbusyAndStaysUnlocked) {
-  int chances = 0;
-  while_another_bit_changes([&] {
-    for (; chances < kChances; ++chances) {
-      errno = 0;
-      if (lock.try_lock() == -1) {
-        break;
-      }
-      byte().fetch_and(0xfe);
+  const bool raced = oxtest::while_another_bit_changes(byte(), [&] {
+    errno = 0;
+    if (lock.try_lock() == -1) {
+      return true;
     }
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_FALSE(lock.is_locked());
+    byte().fetch_and(0xfe);
+    return false;
   });
-  EXPECT_LT(chances, kChances) << "the race never happened";
+  const int error = errno;
+  EXPECT_TRUE(raced) << "the race never happened";
+  EXPECT_EQ(error, EBUSY);
+  EXPECT_FALSE(lock.is_locked());
 }
 
 TEST_F(ByteLockTest, Unlock_AnotherBitChangesMeanwhile_TellsSoAndStaysLocked) {
-  int chances = 0;
-  while_another_bit_changes([&] {
-    for (; chances < kChances; ++chances) {
-      lock.lock();
-      const ByteLock::Unlock result = lock.unlock();
-      if (result != ByteLock::Unlock::Done) {
-        EXPECT_EQ(result, ByteLock::Unlock::Changed);
-        break;
-      }
-    }
-    EXPECT_TRUE(lock.is_locked());
+  ByteLock::Unlock result = ByteLock::Unlock::Done;
+  const bool raced = oxtest::while_another_bit_changes(byte(), [&] {
+    lock.lock();
+    result = lock.unlock();
+    return result != ByteLock::Unlock::Done;
   });
-  EXPECT_LT(chances, kChances) << "the race never happened";
+  EXPECT_TRUE(raced) << "the race never happened";
+  EXPECT_EQ(result, ByteLock::Unlock::Changed);
+  EXPECT_TRUE(lock.is_locked());
 }
 
 TEST_F(ByteLockTest, Lock_TwoThreads_ExcludeEachOther) {
