@@ -612,15 +612,16 @@ INSTANTIATE_TEST_SUITE_P(Record, TransitionTest, testing::ValuesIn(kTransitions)
 
 TEST_P(TransitionTest, Change_FromEveryState_IsMadeOrFatal) {
   busy_record(5);
+  const auto change = [this] { (page->*GetParam().change)(); };
   for (const uint8_t from : kStates) {
     SCOPED_TRACE(static_cast<int>(from));
     set_state(page, from);
     const Bytes before = bytes_of(page);
     if (message_from(from) == nullptr) {
-      (page->*GetParam().change)();
+      change();
       EXPECT_EQ(bytes_of(page), with_state(before, GetParam().to));
     } else {
-      expect_fatal(kInlinePath, message_from(from), [&] { (page->*GetParam().change)(); });
+      expect_fatal(kInlinePath, message_from(from), change);
       EXPECT_EQ(bytes_of(page), before);
     }
   }
