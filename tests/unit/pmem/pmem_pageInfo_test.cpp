@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -612,7 +613,7 @@ INSTANTIATE_TEST_SUITE_P(Record, TransitionTest, testing::ValuesIn(kTransitions)
 
 TEST_P(TransitionTest, Change_FromEveryState_IsMadeOrFatal) {
   busy_record(5);
-  const auto change = [this] { (page->*GetParam().change)(); };
+  const std::function<void()> change = std::bind(GetParam().change, page);
   for (const uint8_t from : kStates) {
     SCOPED_TRACE(static_cast<int>(from));
     set_state(page, from);
