@@ -5,7 +5,6 @@
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -339,7 +338,7 @@ int64_t ox_get_stats_for_pmem_pliv(ox_pliv_pmem_stats_t* stats) {
 }
 
 int64_t ox_get_stats_for_pzone_pliv(long pzone, ox_pliv_pzone_stats_t* stats) {
-  constexpr size_t kZeroedBytes = 24;  // the first three words, as ever; filling writes all five
+  constexpr size_t kZeroedBytes = 24;  // a call that then fails leaves the last two words alone
   if (stats == nullptr || pzone < 0) {
     return fail_with(EINVAL);
   }

@@ -104,14 +104,17 @@ int64_t ox_munreserve_pliv(void* address, size_t length, int flags);
 
 /*
  * Allocates physical memory and maps it at exactly `address`, inside a tracked range.
- *   address     non-null, a multiple of 2 MiB (anything else ends in "mapping of pages failed?")
+ *   address     non-null. A multiple of 2 MiB, which is not checked: another address overlaps the neighbouring page or
+ *               ends the process
  *   length      bytes, non-zero, a multiple of 2 MiB
  *   protection  PROT_* bits
  *   account     0..7
  *   flags       bits of 0x403200 are accepted and have no effect; others are refused
  * Returns 0, or -1: EINVAL; EFAULT when a page of the range is untracked or in use; ENOMEM when the account or the zones
  * have no pages (nothing stays allocated).
- * Fatal: "mapping of pages failed?" when the system refuses the mapping.
+ * A single page that can't be had for lack of memory also cuts the account's fund down to what is committed for it.
+ * Fatal: "mapping of pages failed?" when the system refuses the mapping; "unexpected inconsistency in balance" when the
+ * fund is cut below what the account uses, as when it uses pages that were committed for another account.
  * Threads: not for overlapping ranges at once.
  */
 int64_t ox_mmap_pliv(void* address, size_t length, int protection, int account, int flags);
@@ -180,8 +183,11 @@ int64_t ox_register_pzone_for_space_pliv(long space, long pzone);
  *   flags         bits of 0x403200 are accepted and have no effect; others are refused
  * Returns the block's address in that alias, or -1: EINVAL (arguments, unknown space or alias); ENOMEM (no balance, no
  * page, no room in the space); or the errno of a failed mapping.
+ * A single page that can't be had for lack of memory, in a space without pzones of its own, also cuts the account's fund
+ * down to what is committed for it.
  * Fatal: "Requested size of the block greater than max bucket size" for a block larger than the cache was sized for, once
- * the cache holds pages.
+ * the cache holds pages; "unexpected inconsistency in balance" as for ox_mmap_pliv; "NULL base address for alias during
+ * allocation".
  */
 int64_t ox_mmap_within_space_pliv(long space, long alias, size_t length, int account, int flags);
 
@@ -193,7 +199,9 @@ int64_t ox_mmap_within_space_pliv(long space, long alias, size_t length, int acc
  *   account  0..7; decides only whether the block may go to the cache (pages are credited to the account that paid)
  *   flags    the low 32 bits must be 0
  * Returns 0, or -1: EINVAL (arguments, unknown space); EFAULT for an address in no alias; -1 for anything that is not a
- * whole allocated block.
+ * whole allocated block. Blocks of the premapped region have no records, so there the length must be right by contract.
+ * Fatal: "Mismatch in active ref counts between base page and sub page" for a wrong length in the premapped region; "Size
+ * of the block greater than max bucket size" for a block of account 2 larger than the cache was sized for.
  * Threads: each block once.
  */
 int64_t ox_munmap_from_space_pliv(long space, void* address, size_t length, int account, int64_t flags);
@@ -207,6 +215,7 @@ int64_t ox_munmap_from_space_pliv(long space, void* address, size_t length, int 
  *   populate    0 or 1: ask the system to pre-fault the mapping
  * Returns 0, or -1: EINVAL (arguments, unknown space, pages beyond the backing file); EFAULT when the range does not lie in
  * an alias; else the errno of the mapping.
+ * Fatal: "Out of bounds PMEM Page Num" for pages inside the file but beyond the maximum commit.
  */
 int64_t ox_multimap_within_space_pliv(long space, void* address, size_t length, int protection, int populate);
 
@@ -229,8 +238,10 @@ int64_t ox_multimap_between_spaces_pliv(long source_space, void* address, size_t
  *   space       >= 0
  *   alias_mask  bit n selects alias n; non-zero
  *   flags       0: the whole aliases; 1: all but the premapped region; 2: only what is free
+ * What is unmapped is no longer reserved: other mappings may take its place, and a later block is laid over them.
  * Returns 0, or -1: EINVAL (arguments, unknown space).
- * Fatal: "munmap failed" when the system refuses.
+ * Fatal: "munmap failed" when the system refuses, also because nothing but the premapped region is left to unmap (flags 1
+ * and 2) or because an alias base is no multiple of the system's page size.
  */
 int64_t ox_munmap_aliases_pliv(long space, uint64_t alias_mask, int flags);
 
@@ -284,7 +295,7 @@ int64_t ox_get_pzone_for_addr_within_space_pliv(long space, uint64_t address);
  *   unused   ignored
  *   account  0..7; it need not exist yet: it then starts with this maximum
  *   bytes    a multiple of 2 MiB; 0 does nothing
- * Returns 0, or -1: EINVAL; else the errno of growing the file.
+ * Returns 0, or -1: EINVAL (also for a length that the file can't have); else the errno of growing the file.
  */
 int64_t ox_pmem_set_account_maximum_pliv(unsigned int unused, uint64_t account, uint64_t bytes);
 
@@ -292,8 +303,8 @@ int64_t ox_pmem_set_account_maximum_pliv(unsigned int unused, uint64_t account, 
  * Creates, grows or shrinks an account.
  *   unused   ignored
  *   account  0..7; or, with the top bit set, the account in the low 8 bits and a partial result allowed
- *   bytes    a multiple of 2 MiB; 0 does nothing. As a signed number: positive commits, negative uncommits. The first
- *            call for an account creates it with that fund and commits nothing
+ *   bytes    a multiple of 2 MiB; 0 does nothing. The first call for an account creates it with that fund (unsigned) and
+ *            commits nothing. From then on, as a signed number: positive commits, negative uncommits
  * Returns 0, or -1: EINVAL; ENOMEM. With a partial result allowed: the pages done, also when ENOMEM ended the work.
  * Fatal: "Expanded account to more than maximum" when the fund grows past the account's maximum (0 unless set).
  * Threads: creation of an account by one thread, before the account is used; growing and shrinking by any.
@@ -335,7 +346,7 @@ int32_t ox_pmem_prefill_scrubbed_freelist_pliv(unsigned int unused);
 /*
  * Gives all physical memory back and closes the backing file. The library is unusable afterwards.
  * Returns 0, or -1 with the errno of closing the file.
- * Fatal: "releasing backing storage failed".
+ * Fatal: "releasing backing storage failed", also while the file is still empty.
  */
 int64_t ox_pmem_uncommit_all_memory_pliv(void);
 
@@ -349,6 +360,8 @@ int64_t ox_pmem_uncommit_all_memory_pliv(void);
  * All three sizes are multiples of 2 MiB. Account 2 must exist when pages are committed ahead.
  * Returns the pzone id 0..254, or 255 on failure (errno: EFAULT when the range lies outside the maximum commit or in
  * another pzone, or there are 255 pzones; ENOMEM; or that of committing), or -1 with EINVAL for refused arguments.
+ * Fatal: "end PageNum smaller than start PageNum" for a size of 0; "Out of bounds PMEM Page Num" when the initial pages
+ * reach beyond the maximum commit (or the size is 0 at the start of the file); "Working on an inactive account".
  */
 int64_t ox_create_pzone_pliv(uint64_t start_offset, uint64_t size, uint64_t maximum_size, int supports_blocks);
 
@@ -356,7 +369,8 @@ int64_t ox_create_pzone_pliv(uint64_t start_offset, uint64_t size, uint64_t maxi
  * Tells whether a physical page is committed.
  *   offset  bytes in the backing file, >= 0
  * Returns 1 or 0, or -1: EINVAL.
- * Fatal: "Out of bounds PMEM Page Num" for an offset beyond the maximum commit.
+ * Fatal: "Out of bounds PMEM Page Num" for an offset beyond the maximum commit; "PMEM page_info_base is NULL" before
+ * initialization.
  */
 int64_t ox_pmem_is_funded_pliv(int64_t offset);
 

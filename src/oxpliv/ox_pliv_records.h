@@ -140,7 +140,8 @@ OX_PLIV_STATIC_ASSERT(account_usage_fund, offsetof(account_usage_t, fund_bytes) 
 OX_PLIV_STATIC_ASSERT(account_usage_credit, offsetof(account_usage_t, accounts_to_credit) == 56);
 OX_PLIV_STATIC_ASSERT(account_usage_last, offsetof(account_usage_t, not_kept_3) == 80);
 
-/* What ox_pmem_get_account_usage_pliv writes: 720 bytes. A disabled account's record is all zero. */
+/* What ox_pmem_get_account_usage_pliv writes: 720 bytes. A disabled account's record is zero as far as the size reaches
+ * that the caller named. */
 typedef struct ox_pliv_account_usage_buffer_t {
   uint64_t record_count; /* OX_PLIV_ACCOUNT_COUNT */
   uint64_t reserved;     /* 0 */

@@ -138,8 +138,7 @@ long PMEM_Account::fund_physical(unsigned int pages) {
   {
     const FundingScope funding(*this);
     error = PMEM_PageManager::fund_pages(wanted, funded, advanced) == -1 ? errno : 0;
-    add_funded_pages(funded);
-    fit_fund_to_funding(wanted, advanced, error);
+    fit_fund_to_funding(funded, advanced < wanted && error == ENOMEM);
   }
   if (advanced < wanted && error == ENOMEM) {
     TimerUtils::sleep_micros(kBackOffMicros);
@@ -151,19 +150,20 @@ long PMEM_Account::fund_physical(unsigned int pages) {
   return static_cast<long>(still_remaining);
 }
 
-void PMEM_Account::fit_fund_to_funding(unsigned long wanted, unsigned long advanced, int error) {
+void PMEM_Account::fit_fund_to_funding(unsigned long newly_funded, bool memory_is_short) {
   unsigned long old_fund = 0;
   unsigned long new_fund = 0;
   {
     const MutexLocker locker(&_mutex);
-    const unsigned long funded = _funded_pages;  // read once: other threads may be adding to it
+    add_funded_pages(newly_funded);  // under the lock: nobody may find more funded than the fund
     old_fund = _fund_pages;
     // Other threads that are allocating have debited pages that are not counted as funded yet: cutting the fund now
-    // would leave it below what is used.
-    const bool only_this_thread_funds = _funding_in_progress == 1;
+    // would leave it below what is used. Read before the funded pages, to see all that the finished ones added.
+    const bool only_this_thread_funds = _funding_in_progress.acquire() == 1;
+    const unsigned long funded = _funded_pages;  // once: other threads may be adding to it
     if (old_fund < funded) {
       grow_to(funded);
-    } else if (old_fund > funded && advanced < wanted && error == ENOMEM && only_this_thread_funds) {
+    } else if (old_fund > funded && memory_is_short && only_this_thread_funds) {
       cut_to(funded);
     }
     new_fund = _fund_pages;
@@ -199,9 +199,12 @@ void PMEM_Account::shrink_if_required() {
   unsigned long new_fund = 0;
   {
     const MutexLocker locker(&_mutex);
+    if (_funding_in_progress.acquire() != 0) {  // before the funded pages are read: see fit_fund_to_funding
+      return;
+    }
     old_fund = _fund_pages;
     new_fund = _funded_pages;
-    if (new_fund >= old_fund || _funding_in_progress != 0) {
+    if (new_fund >= old_fund) {
       return;
     }
     cut_to(new_fund);
@@ -331,7 +334,11 @@ long PMEM::set_account_max(int index, unsigned long bytes) {
   }
   {
     const MutexLocker locker(&_resize_mutex);  // two growths at once would add up to one
-    const long result = PMEM_BackingStorage::resize(PMEM_BackingStorage::size() + bytes);
+    const unsigned long size = PMEM_BackingStorage::size();
+    if (bytes > ~0UL - size) {  // the sum would come out smaller, and the file must never shrink
+      return fail_with(EINVAL);
+    }
+    const long result = PMEM_BackingStorage::resize(size + bytes);
     if (result != 0) {
       return result;
     }
@@ -677,6 +684,7 @@ void PMEM::expand_fund(int index, unsigned long pages) {
 }
 
 long PMEM::commit_memory(int index, unsigned long pages, unsigned long& done) {
+  const PMEM_Account::FundingScope funding(*existing_account(index));
   unsigned long recommitted = 0;
   long result = recommit_memory(index, pages, recommitted);  // memory given back earlier is used again first
   done = recommitted;
@@ -698,6 +706,7 @@ long PMEM::commit_memory(int index, unsigned long pages, unsigned long& done) {
 }
 
 long PMEM::recommit_memory(int index, unsigned long pages, unsigned long& done) {
+  const PMEM_Account::FundingScope funding(*existing_account(index));  // the pages can be allocated before they count
   const long result = PMEM_PageManager::recommit_pages(pages, done);
   const int error = result == -1 ? errno : 0;
   expand_fund(index, done);
@@ -708,6 +717,7 @@ long PMEM::recommit_memory(int index, unsigned long pages, unsigned long& done) 
 long PMEM::uncommit_memory(int index, unsigned long pages, unsigned long& done) {
   done = 0;
   PMEM_Account* const account = existing_account(index);
+  const PMEM_Account::FundingScope funding(*account);  // what can't be given back returns to the fund at the end
   if (account->shrink_fund(pages) == -1) {
     return -1;
   }

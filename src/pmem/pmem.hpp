@@ -24,8 +24,8 @@ class PMEM_Account {
  public:
   static constexpr unsigned long kEmptyCreditList = ~0UL;
 
-  // Marks, for its lifetime, that pages are being committed for the account, so that its fund is not cut down to the
-  // funded pages while some of these are not counted yet.
+  // Marks, for its lifetime, that pages are being committed or given back for the account, so that its fund is not cut
+  // down to the funded pages while some of these are not counted yet.
   class FundingScope {
    public:
     explicit FundingScope(PMEM_Account& account) : _account(account) { _account._funding_in_progress.add(1); }
@@ -72,7 +72,7 @@ class PMEM_Account {
 
  private:
   void check_consistency() const;
-  void fit_fund_to_funding(unsigned long wanted, unsigned long advanced, int error);
+  void fit_fund_to_funding(unsigned long newly_funded, bool memory_is_short);
   void grow_to(unsigned long funded_pages);
   void cut_to(unsigned long funded_pages);
 
@@ -98,8 +98,7 @@ class PMEM_Account {
 // Owns:      the eight account slots; accounts are created on first use and never freed.
 // Locking:   none of its own but the one that serialises growing the file. Slots and counters are atomics; accounts,
 //            zones and pages protect themselves.
-// Invariant: _total_ref_count and _populated_page_count are never below the sums of the page records' counts that they
-//            stand for.
+// Invariant: _populated_page_count is never below the sum of the page records' populated counts.
 // Results are 0, or -1 with errno, unless said otherwise. Page numbers outside the page table are fatal.
 class PMEM {
  public:
@@ -128,7 +127,7 @@ class PMEM {
   static bool using_explicit_huge_pages() { return PMEM_BackingStorage::using_explicit_huge_pages(); }
   static unsigned long native_small_page_size() { return PMEM_Helper::native_small_page_size(); }
 
-  // Accounts. The first two and set_account_max do not test the index.
+  // Accounts. The first four do not test the index.
   static PMEM_Account* accounts(int index) { return _accounts[index].load(std::memory_order_acquire); }
   static bool account_enabled(int index) { return accounts(index) != nullptr; }
   static long set_account_max(int index, unsigned long bytes);

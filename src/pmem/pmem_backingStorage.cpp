@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "pmem/pmem_pageUnits.hpp"
 #include "utils/errnoKeeper.hpp"
 #include "utils/log.hpp"
 #include "utils/os.hpp"
@@ -50,8 +49,8 @@ unsigned long size_limit(const struct statfs64& file_system) {
   return static_cast<unsigned long>(file_system.f_bavail) * static_cast<unsigned long>(file_system.f_bsize);
 }
 
-// Up to 4.14 a memfd can't be made of huge pages, so a mount point has to be named.
-bool kernel_lacks_hugetlb_memfd() {
+// Up to 4.14 a memfd of huge pages can't be relied on: naming a mount point may help.
+bool kernel_may_lack_hugetlb_memfd() {
   const int* const kernel = os::kernelrev();
   return kernel[0] < 4 || (kernel[0] == 4 && kernel[1] <= 14);
 }
@@ -95,6 +94,8 @@ long PMEM_BackingStorage::initialize(unsigned long initial_committed_bytes, unsi
   _max_committed_bytes = max_committed_bytes;
   _use_explicit_huge_pages = use_explicit_huge_pages;
   _use_transparent_huge_pages = use_transparent_huge_pages;
+  _using_explicit_huge_pages = false;  // an earlier attempt that failed may have left these set
+  _aggressively_acquire_thp = false;
 
   fetch_system_meminfo_values();
   if (!check_system_meminfo_values() || !create_file(kFileName, path)) {
@@ -177,7 +178,7 @@ bool PMEM_BackingStorage::find_directory(const char* path, char* directory, unsi
     return true;
   }
   log(OX_PLIV_LOG_ERROR, "Could not find a suitable mount point for the backing storage");
-  if (_use_explicit_huge_pages && kernel_lacks_hugetlb_memfd()) {
+  if (_use_explicit_huge_pages && kernel_may_lack_hugetlb_memfd()) {
     log(OX_PLIV_LOG_ERROR,
         "Possible solution is to specify -XX:HOLCNoQRVBackingStoragePath, pointing to configured hugetlbfs");
   }

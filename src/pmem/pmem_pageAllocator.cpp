@@ -53,7 +53,7 @@ void PMEM_PageAllocator::increment_free_pages(unsigned long n) {
 
 void PMEM_PageAllocator::decrement_free_pages(unsigned long n) {
   _free_pages = _free_pages - n;
-  lower_to<unsigned long>(_free_pages_low, _free_pages);
+  lower_watermark<unsigned long>(_free_pages_low, _free_pages);
 }
 
 void PMEM_PageAllocator::increment_defunded_pages(unsigned long n) {
@@ -63,7 +63,7 @@ void PMEM_PageAllocator::increment_defunded_pages(unsigned long n) {
 
 void PMEM_PageAllocator::decrement_defunded_pages(unsigned long n) {
   _defunded_pages = _defunded_pages - n;
-  lower_to<unsigned long>(_defunded_pages_low, _defunded_pages);
+  lower_watermark<unsigned long>(_defunded_pages_low, _defunded_pages);
 }
 
 void PMEM_PageAllocator::reset_watermarks() {
@@ -151,7 +151,7 @@ unsigned long PMEM_PageAllocator::collect_defunded_pages(long* pages, unsigned l
   return count;
 }
 
-// The slow commits run without any mutex: nobody else can reach the pages meanwhile.
+// The slow commits run without any mutex: no list holds the pages meanwhile.
 long PMEM_PageAllocator::recommit_pages_and_record(long* pages, unsigned long n, unsigned long& recommitted) {
   recommitted = 0;
   if (n > kChunkPages) {
@@ -413,15 +413,25 @@ long PMEM_PageQueue::free_block(long, unsigned long) {
   return fail_with(ENOMEM);
 }
 
+// What allocate_specific_page handed out may still be linked; linked twice, it would cut the queue.
+void PMEM_PageQueue::unlink_if_linked(PMEM_PageInfo* page) {
+  if (page->next() == nullptr && page != _tail) {
+    return;
+  }
+  PMEM_PageInfo* prev = nullptr;
+  for (PMEM_PageInfo* record = _head; record != page; record = record->next()) {
+    prev = record;
+  }
+  remove(page, prev);
+}
+
 long PMEM_PageQueue::free_page(long page) {
   PMEM_PageInfo* const record = existing_page_info(page, kNullPageToFree);
   const MutexLocker locker(free_list_mutex());
   record->change_state_to_free_from_allocated();
   increment_free_pages(1);
-  const bool is_linked = record->next() != nullptr || record == _tail;
-  if (!is_linked) {  // what allocate_specific_page handed out may still be; linked twice, it would cut the queue
-    insert(record);
-  }
+  unlink_if_linked(record);
+  insert(record);
   return 0;
 }
 
@@ -529,19 +539,14 @@ long PMEM_AOFFList::add_pages(long start, long end) {
     die("end PageNum smaller than start PageNum");
   }
   const MutexLocker locker(free_list_mutex());
-  const unsigned long count = unit(end - start) + 1;
+  return put(start, unit(end - start) + 1);
+}
+
+// Puts a range among the free ones and counts it.
+long PMEM_AOFFList::put(long start, unsigned long count) {
   const long result = _free_list.free_block(unit(start), count);
   if (result == 0) {
     increment_free_pages(count);
-  }
-  return result;
-}
-
-// Gives one page back to the free ranges and counts it.
-long PMEM_AOFFList::put_back(long page) {
-  const long result = _free_list.free_block(unit(page), 1);
-  if (result == 0) {
-    increment_free_pages(1);
   }
   return result;
 }
@@ -642,7 +647,7 @@ long PMEM_AOFFList::allocate_block(long& start, unsigned long count, unsigned lo
 long PMEM_AOFFList::free_page(long page) {
   const MutexLocker locker(free_list_mutex());
   existing_page_info(page, kNullPageToFreeInList)->change_state_to_free_from_allocated();
-  return put_back(page);
+  return put(page, 1);
 }
 
 long PMEM_AOFFList::free_block(long start, unsigned long count) {
@@ -650,11 +655,7 @@ long PMEM_AOFFList::free_block(long start, unsigned long count) {
   for (unsigned long i = 0; i < count; ++i) {
     existing_page_info(start + static_cast<long>(i), kNullPageInFreedBlock)->change_state_to_free_from_allocated();
   }
-  const long result = _free_list.free_block(unit(start), count);
-  if (result == 0) {
-    increment_free_pages(count);
-  }
-  return result;
+  return put(start, count);
 }
 
 long PMEM_AOFFList::restore_page_to_free_list(long page) {
@@ -662,7 +663,7 @@ long PMEM_AOFFList::restore_page_to_free_list(long page) {
   if (!existing_page_info(page, kNullPageToFreeInList)->is_free()) {
     die("Page should be free");
   }
-  return put_back(page);
+  return put(page, 1);
 }
 
 long PMEM_AOFFList::uncommit_memory_chunk(unsigned long n, unsigned long& uncommitted, unsigned long& populated) {

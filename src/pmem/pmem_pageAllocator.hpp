@@ -16,7 +16,8 @@ namespace oxpliv {
 // Owns:      the defunded list: pages whose memory was given back, as page ranges.
 // Locking:   two mutexes. The free-list mutex guards the free list of the derived class and free_pages; the
 //            defunded-list mutex guards the defunded list and defunded_pages. When both are held the defunded-list
-//            mutex was taken first. Counters are written under their mutex and may be read without.
+//            mutex was taken first. Counters are written under their mutex and may be read without; watermarks are
+//            reset without.
 // Invariant: a page is on the free list, or handed out, or on the defunded list, or in flight inside one chunk.
 // Results are 0, or -1 with errno; inconsistencies are fatal.
 class PMEM_PageAllocator {
@@ -68,7 +69,8 @@ class PMEM_PageAllocator {
   long uncommit_memory(unsigned long pages, unsigned long& uncommitted, unsigned long& populated);
   long recommit_memory(unsigned long pages, unsigned long& recommitted);
 
-  // Uncommits pages that are on no list and whose record locks the caller holds, unlocks them and files them.
+  // Uncommits pages that are on no list and whose record locks the caller holds, unlocks them and files them. After a
+  // failure other than an interruption the later pages stay locked and on no list: the callers take it as fatal.
   long uncommit_pages_and_record(long* pages, unsigned long n, unsigned long& uncommitted, unsigned long& populated);
   long recommit_memory_chunk(unsigned long n, unsigned long& recommitted);
   long restore_page_to_defunded_list(long page);
@@ -114,7 +116,7 @@ class PMEM_FreeList : public PMEM_PageAllocator {
 // Owns:      the links (`next`) of the records between head and tail.
 // Locking:   the free-list mutex guards head, tail and the links. insert, remove and the setters expect it held.
 // Invariant: records NotFunded or Free are free pages; Allocated ones were handed out by allocate_specific_page and are
-//            unlinked when allocate_page meets them.
+//            unlinked when allocate_page meets them or when they are freed.
 class PMEM_PageQueue : public PMEM_FreeList {
  public:
   long add_pages(long start, long end) override;
@@ -148,6 +150,7 @@ class PMEM_PageQueue : public PMEM_FreeList {
  private:
   void append_chain(PMEM_PageInfo* first, PMEM_PageInfo* last);
   void hand_out(PMEM_PageInfo* page, PMEM_PageInfo* prev, long& page_num);
+  void unlink_if_linked(PMEM_PageInfo* page);
 
   PMEM_PageInfo* _head = nullptr;
   PMEM_PageInfo* _tail = nullptr;
@@ -200,7 +203,7 @@ class PMEM_AOFFList : public PMEM_FreeList {
 
  private:
   long fund_and_hand_out(long page, bool& funded);
-  long put_back(long page);
+  long put(long start, unsigned long count);
   void give_back(long start, unsigned long count);
   long fund_block(long start, unsigned long count, unsigned long& got, unsigned long& allocated);
   unsigned long collect_funded_pages(long* pages, unsigned long n);

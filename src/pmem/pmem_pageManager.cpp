@@ -33,11 +33,6 @@ unsigned long sum_over_zones(Measure measure) {
   return sum;
 }
 
-// Room for growth; a zone that was given more initial pages than its maximum has none.
-unsigned long room_for_growth(const PMEM_PageZone& zone) {
-  return zone.max_pages() - std::min(zone.max_pages(), zone.watermark_pages());
-}
-
 }  // namespace
 
 std::atomic<unsigned char> PMEM_PageManager::_num_zones{0};
@@ -392,7 +387,7 @@ long PMEM_PageManager::commit_pages(unsigned long count, unsigned long& committe
   }
   const MutexLocker locker(&_growth_mutex);
   return spread(
-      count, pages_not_committed, room_for_growth,
+      count, pages_not_committed, [](const PMEM_PageZone& zone) { return zone.room_for_growth(); },
       [](PMEM_PageZone& zone, unsigned long pages, unsigned long& got) { return zone.commit_pages(pages, got); },
       committed);
 }

@@ -62,13 +62,17 @@ bool PMEM_PageZone::is_initially_funded_page(long page) const {
   return static_cast<unsigned long>(page) < _fund_limit;
 }
 
+unsigned long PMEM_PageZone::room_for_growth() const {
+  // A zone that was given more initial pages than its maximum has none.
+  return _max_pages - std::min<unsigned long>(_max_pages, _watermark_pages);
+}
+
 long PMEM_PageZone::commit_pages(unsigned long count, unsigned long& committed) {
   committed = 0;
   if (count == 0) {
     return 0;
   }
-  // A zone that was given more initial pages than its maximum has no room.
-  count = std::min(count, _max_pages - std::min<unsigned long>(_max_pages, _watermark_pages));
+  count = std::min(count, room_for_growth());
   const long first = _start_page + static_cast<long>(_watermark_pages);
   unsigned long committed_bytes = 0;
   const long result = PMEM_BackingStorage::commit_memory(page_offset(first), pages_to_bytes(count), committed_bytes);

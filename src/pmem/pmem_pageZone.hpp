@@ -44,6 +44,7 @@ class PMEM_PageZone {
   // Growth: commits up to count pages behind the watermark and adds them. A part that ended in ENOMEM is kept: the
   // result is then -1 with `committed` not 0. After any other failure what was committed stays outside the zone.
   long commit_pages(unsigned long count, unsigned long& committed);
+  unsigned long room_for_growth() const;
   long recommit_pages(unsigned long count, unsigned long& recommitted);
   long uncommit_pages(unsigned long count, unsigned long& uncommitted, unsigned long& unpopulated);
 

@@ -83,7 +83,7 @@ long AOFirstFitAllocator::alloc_specific(unsigned long start, unsigned long size
   try {
     for (auto block = _free_list.begin(); block != _free_list.end() && block->start() <= start; ++block) {
       if (block->start() == start || start < block->end()) {
-        return take_from(block, start, start + size) ? 0 : fail_with(ENOMEM);
+        return take_from(block, start, size) ? 0 : fail_with(ENOMEM);
       }
     }
   } catch (const std::bad_alloc&) {
@@ -91,16 +91,18 @@ long AOFirstFitAllocator::alloc_specific(unsigned long start, unsigned long size
   return fail_with(ENOMEM);
 }
 
-bool AOFirstFitAllocator::take_from(FreeList::iterator block, unsigned long start, unsigned long end) {
-  if (end > block->end()) {
+// Takes [start, start + size) out of a range that it begins in, if it ends there too.
+bool AOFirstFitAllocator::take_from(FreeList::iterator block, unsigned long start, unsigned long size) {
+  const unsigned long end = start + size;
+  if (block->start() == start ? size > block->size() : end > block->end()) {
     return false;
   }
-  if (block->start() == start && block->end() == end) {
+  if (block->start() != start && end == block->end()) {
+    block->shrink_from_back(size);
+  } else if (block->start() == start && size == block->size()) {
     _free_list.erase(block);
   } else if (block->start() == start) {
-    block->shrink_from_front(end - start);
-  } else if (block->end() == end) {
-    block->shrink_from_back(end - start);
+    block->shrink_from_front(size);
   } else {
     _free_list.emplace_back(end, block->end());  // the range in front keeps covering what was taken
   }

@@ -68,7 +68,7 @@ class AOFirstFitAllocator : public Allocator {
   long free_block(unsigned long start, unsigned long size) override;
 
   // Takes the given range: 0, or -1 with ENOMEM when it is not free. A range strictly inside a free range leaves that
-  // range as it is and appends the part behind at the end of the list; the users' page states account for it.
+  // range as it is and appends the part behind at the end of the list: what was taken is then found free once more.
   long alloc_specific(unsigned long start, unsigned long size) override;
 
   // Visits a copy of every free range, in list order.
@@ -82,7 +82,7 @@ class AOFirstFitAllocator : public Allocator {
   using FreeList = std::list<AddressBlock, CustomCHeapAllocator<AddressBlock>>;
 
   void insert_free_block(unsigned long start, unsigned long size);
-  bool take_from(FreeList::iterator block, unsigned long start, unsigned long end);
+  bool take_from(FreeList::iterator block, unsigned long start, unsigned long size);
 
   FreeList _free_list;
 };

@@ -19,6 +19,9 @@ class Relaxed {
     return *this;
   }
 
+  // A read that also sees whatever was done before the read-modify-write that left the number so.
+  T acquire() const { return _value.load(std::memory_order_acquire); }
+
   // Read-modify-writes, for numbers that several threads change without a lock. Acquire and release, so that whoever
   // takes something off a count also sees the totals that were raised before it was put on.
   T add(T delta) { return static_cast<T>(_value.fetch_add(delta, std::memory_order_acq_rel) + delta); }
@@ -39,9 +42,9 @@ class Relaxed {
   std::atomic<T> _value;
 };
 
-// Low and high watermarks are kept by the holder of the lock that guards them.
+// Low and high watermarks are kept by the holder of the lock that guards their number; a reset beside it may lose a mark.
 template <typename T>
-void lower_to(Relaxed<T>& watermark, T value) {
+void lower_watermark(Relaxed<T>& watermark, T value) {
   if (watermark > value) {
     watermark = value;
   }

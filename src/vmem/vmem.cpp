@@ -228,16 +228,21 @@ long VMEM::get_stats_for_space(long space, ox_pliv_space_stats_t* stats) {
   return 0;
 }
 
-// The account and all caches that serve it are read at one moment, with every such cache held (in id order; nobody else
-// holds two): what a cache holds is paid for as long as it can't leave the cache. Read one after the other, the caches
-// could show blocks that were not yet allocated when the account was read.
-long VMEM::get_account_usage(int account, account_usage_t* usage) {
-  std::optional<MutexLocker> held_caches[kMaxSpaces];
+// Holds every cache that serves the account, in id order (nobody else holds two), so that the account and its caches are
+// seen at one moment: no block enters or leaves a cache, and no flush is half done.
+void VMEM::hold_caches(int account, HeldCaches& held) {
   for_each_space([&](long id, const VMEM_SpaceManager& space) {
     if (space.uses_cache_for_account(account)) {
-      held_caches[id].emplace(space.cache_mutex());
+      held[id].emplace(space.cache_mutex());
     }
   });
+}
+
+// What a cache holds is paid for as long as it can't leave the cache. Read one after the other, the caches could show
+// blocks that were not yet allocated when the account was read.
+long VMEM::get_account_usage(int account, account_usage_t* usage) {
+  HeldCaches held_caches;
+  hold_caches(account, held_caches);
   const long result = PMEM::get_account_usage(account, usage);
   if (result != 0) {
     return result;
@@ -251,9 +256,14 @@ long VMEM::get_account_usage(int account, account_usage_t* usage) {
 }
 
 long VMEM::reset_account_watermarks(int account) {
-  const long result = PMEM::reset_account_watermarks(account);
-  if (result != 0) {
-    return result;
+  {
+    // In the middle of a flush the account has pages back that its high watermark still has to be lowered by.
+    HeldCaches held_caches;
+    hold_caches(account, held_caches);
+    const long result = PMEM::reset_account_watermarks(account);
+    if (result != 0) {
+      return result;
+    }
   }
   for_each_space([account](long, VMEM_SpaceManager& space) { space.reset_cache_watermarks(account); });
   return 0;

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 
 #include "oxpliv/ox_pliv_records.h"
+#include "utils/mutex_locker.hpp"
 #include "vmem/vmem_addressSpace.hpp"
 #include "vmem/vmem_fixedAddressManager.hpp"
 #include "vmem/vmem_spaceManager.hpp"
@@ -14,7 +16,8 @@ namespace oxpliv {
 //
 // Owns:      the space managers; ids count up from 0 and are never used again.
 // Locking:   none. Spaces are registered and unregistered by one thread at a time; a slot is filled before the count
-//            that makes it visible is raised, so lookups run at any time.
+//            that makes it visible is raised, so lookups run at any time, but not beside the unregistration of their
+//            space.
 // Invariant: an id below the count whose slot is not null is a registered space. An unknown space id answers -1 with
 //            EINVAL; everything else is the result of the part called.
 class VMEM {
@@ -56,16 +59,19 @@ class VMEM {
   static void report_stats();
 
   static long initialize_or_modify_pmem_account(unsigned long account, unsigned long bytes, bool partial_allowed);
-  static unsigned long max_virtual_address() { return kMaxVirtualAddress; }
+  static unsigned long max_virtual_address() { return _max_virtual_address; }
 
  private:
   static VMEM_SpaceManager* space_manager(long space);
   template <typename Visit>
   static void for_each_space(Visit visit);
+  using HeldCaches = std::optional<MutexLocker>[kMaxSpaces];
+  static void hold_caches(int account, HeldCaches& held);
 
   static std::atomic<VMEM_SpaceManager*> _space_manager[kMaxSpaces];
   static std::atomic<long> _space_manager_count;
   static unsigned long _initial_commit_size;
+  static constexpr unsigned long _max_virtual_address = kMaxVirtualAddress;
 };
 
 }  // namespace oxpliv

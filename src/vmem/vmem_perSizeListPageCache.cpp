@@ -60,7 +60,7 @@ long VMEM_PerSizeListPageCache::allocate_block_from_cache(int pages) {
   const long offset = bucket->front();
   bucket->pop_front();
   _cached_pages = _cached_pages - static_cast<unsigned long>(pages);
-  lower_to<unsigned long>(_cached_pages_min, _cached_pages);
+  lower_watermark<unsigned long>(_cached_pages_min, _cached_pages);
   ++_lookup_hits;
   return offset;
 }
@@ -128,7 +128,7 @@ long VMEM_PerSizeListPageCache::flush_cache(unsigned long limit) {
   }
   if (_cached_pages < _cached_pages_min) {
     PMEM::decrement_used_max_pages(_account, _cached_pages_min - _cached_pages);
-    lower_to<unsigned long>(_cached_pages_min, _cached_pages);
+    lower_watermark<unsigned long>(_cached_pages_min, _cached_pages);
   }
   return result;
 }
@@ -161,12 +161,13 @@ void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {
 }
 
 void VMEM_PerSizeListPageCache::report_stats() {
-  const MutexLocker locker(&_mutex);
+  ox_pliv_space_stats_t stats;
+  get_stats(&stats);  // the log callback runs without the mutex: it may ask for statistics itself
   log(OX_PLIV_LOG_INFO,
       "VMEM cached pages %lu[min %lu, max %lu], cache lookups %lu[hits %lu], cache flushes %lu[full %lu]",
-      static_cast<unsigned long>(_cached_pages), static_cast<unsigned long>(_cached_pages_min),
-      static_cast<unsigned long>(_cached_pages_max), _lookup_hits + _lookup_misses, _lookup_hits,
-      _partial_flushes + _full_flushes, _full_flushes);
+      bytes_to_pages(stats.cached_bytes), bytes_to_pages(stats.cached_low_bytes),
+      bytes_to_pages(stats.cached_high_bytes), stats.cache_hits + stats.cache_misses, stats.cache_hits,
+      stats.cache_partial_flushes + stats.cache_full_flushes, stats.cache_full_flushes);
 }
 
 }  // namespace oxpliv

@@ -13,7 +13,8 @@ namespace oxpliv {
 //
 // Owns:      the lists; array, lists and nodes count as internal usage. The list of the largest size is left alone when
 //            the cache goes.
-// Locking:   _mutex guards everything; it is taken before the page manager's mutex and before an account's.
+// Locking:   _mutex guards everything (the page counts may be read without it); it is taken before the page manager's
+//            mutex and before an account's.
 // Invariant: _cached_pages is the sum over all lists of entries x size, except inside a flush.
 class VMEM_PerSizeListPageCache : public VMEM_PageCache {
  public:

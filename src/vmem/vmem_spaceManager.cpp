@@ -55,9 +55,10 @@ long VMEM_SpaceManager::initialize(unsigned long size, unsigned long, unsigned l
 
 long VMEM_SpaceManager::create_cache(unsigned long cache_size) {
   const unsigned long max_bucket_pages = bytes_to_pages(cache_size);
-  auto* const cache = max_bucket_pages > kMaxBlockPages ? nullptr
-                                                        : new (std::nothrow)
-                                                              VMEM_PerSizeListPageCache(&_page_manager, kCachedAccount);
+  if (max_bucket_pages > kMaxBlockPages) {
+    return fail_with(ENOMEM);
+  }
+  auto* const cache = new (std::nothrow) VMEM_PerSizeListPageCache(&_page_manager, kCachedAccount);
   if (cache == nullptr) {
     return fail_with(ENOMEM);
   }

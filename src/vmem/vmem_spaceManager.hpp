@@ -8,8 +8,8 @@
 namespace oxpliv {
 
 // One space: a range of pages, visible at up to 32 aliases. Routes blocks to the page manager and the cache, and keeps
-// the active references of a block's physical pages equal to the aliases that map it (1 when blocks are not mapped at
-// all).
+// the active references of a block's physical pages equal to the aliases that map it (1 when blocks are not mapped
+// everywhere).
 //
 // Owns:      the page manager and the cache.
 // Locking:   none of its own. Aliases are registered by one thread before the space's first block; an alias is filled

@@ -77,7 +77,7 @@ TEST(RelaxedTest, Watermarks_LowerEqualAndHigher_MoveOneWayOnly) {
   Relaxed<unsigned long> low(5);
   Relaxed<unsigned long> high(5);
   for (const unsigned long value : {5UL, 6UL, 4UL, 5UL}) {
-    lower_to(low, value);
+    lower_watermark(low, value);
     raise_watermark(high, value);
   }
   EXPECT_EQ(low, 4U);
