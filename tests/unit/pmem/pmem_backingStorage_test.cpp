@@ -823,6 +823,18 @@ TEST_F(BackingStorageTest, CreateFile_AfterAnotherFile_StartsWithNoLength) {
   }
 }
 
+TEST_F(BackingStorageTest, Initialize_AfterAFailedAttemptWithHugePages_ForgetsThem) {
+  answer_statfs(kTmpfs);  // nowhere is hugetlbfs
+  EXPECT_EQ(start({.explicit_pages = true}), -1);
+  Faults::reset();
+  EXPECT_EQ(start({}), 0);
+  EXPECT_FALSE(Storage::using_explicit_huge_pages());
+  unsigned long committed = 0;
+  ASSERT_EQ(Storage::resize(kPage), 0);
+  EXPECT_EQ(Storage::commit_memory(0, kPage, committed), 0);
+  EXPECT_EQ(Faults::count(Call::fallocate64), 1) << "not by mapping and touching";
+}
+
 // --- Transparent huge pages ---
 
 TEST_F(BackingStorageTest, IsThpEnabled_FirstLine_TellsAlwaysOrMadvise) {

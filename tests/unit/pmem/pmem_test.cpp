@@ -5,6 +5,7 @@
 #include <atomic>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "physical_side.hpp"
 
@@ -1139,6 +1140,64 @@ TEST_F(PmemTest, CommitMemory_TwoAccountsAtOnce_NeverAddAPageTwice) {
     EXPECT_EQ(commits_of(page), 1) << page;
   }
   EXPECT_EQ(touched.size(), 700U);
+}
+
+TEST_F(PmemTest, SetAccountMax_SumThatWouldWrap_EinvalAndTheFileStays) {
+  start(64);
+  for (const unsigned long pages : {1UL, 60UL, 64UL}) {
+    SCOPED_TRACE(pages);
+    expect_refused([pages] { return PMEM::set_account_max(3, 0UL - pages * kPage); }, -1, EINVAL);
+  }
+  EXPECT_EQ(Faults::count(Call::ftruncate64), 1) << "the start's own";
+}
+
+// What another thread's failed allocation does while pages are in flight: nothing, since the fund is about to be settled.
+TEST_F(PmemTest, UncommitMemory_AllocationFailsMeanwhile_FundNotCutBelowWhatIsUsed) {
+  start(64);
+  PMEM_Account& owner = account(2, 16);
+  ASSERT_EQ(PMEM::create_zone(0, 10, 10, false), 0);
+  for (long page = 0; page < 10; ++page) {
+    ASSERT_EQ(PMEM::allocate_single_page(2), page);
+  }
+  for (const long page : {3L, 7L}) {
+    ASSERT_EQ(PMEM::free_pages(page, 1, 2), 0);
+  }
+  const auto allocate_file = Faults::on_fallocate64;
+  Faults::on_fallocate64 = [&](int fd, int mode, off64_t offset, off64_t length) {
+    owner.shrink_if_required();
+    return allocate_file(fd, mode, offset, length);
+  };
+  unsigned long done = 0;
+  EXPECT_EQ(PMEM::uncommit_memory(2, 8, done), 0);
+  EXPECT_EQ(done, 2UL);
+  EXPECT_EQ(describe(owner), "fund 14 funded 8 balance 6 [0,16] used 8 [0,10] peak 16");
+}
+
+TEST_F(PmemTest, CommitMemory_NewPageAllocatedAndAnotherAllocationFailsMeanwhile_FundNotCutBelowWhatIsUsed) {
+  start(64);
+  PMEM_Account& owner = account(2, 16);
+  ASSERT_EQ(PMEM::create_zone(0, 10, 10, false), 0);
+  for (long page = 0; page < 10; ++page) {
+    ASSERT_EQ(PMEM::allocate_single_page(2), page);
+  }
+  for (long page = 0; page < 4; ++page) {
+    ASSERT_EQ(PMEM::free_pages(page, 1, 2), 0);
+  }
+  unsigned long done = 0;
+  ASSERT_EQ(PMEM::uncommit_memory(2, 4, done), 0);
+  const auto allocate_file = Faults::on_fallocate64;
+  bool first = true;
+  Faults::on_fallocate64 = [&](int fd, int mode, off64_t offset, off64_t length) {
+    if (!std::exchange(first, false)) {
+      EXPECT_NE(PMEM::allocate_single_page(2), -1) << "the page committed just before";
+      owner.shrink_if_required();
+      Faults::on_fallocate64 = allocate_file;
+    }
+    return allocate_file(fd, mode, offset, length);
+  };
+  EXPECT_EQ(PMEM::commit_memory(2, 4, done), 0);
+  EXPECT_EQ(done, 4UL);
+  EXPECT_EQ(describe(owner), "fund 16 funded 10 balance 9 [5,16] used 7 [0,10] peak 16");
 }
 
 TEST_F(PmemTest, OneAccount_AllocatedFundedGrownAndShrunkAtOnce_AddsUp) {

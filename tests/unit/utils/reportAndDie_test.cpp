@@ -91,7 +91,7 @@ TEST_F(ReportAndDieTest, Die_SourceFileOfAUnit_IsReportedFromSrcOnWithoutExtensi
       {"/tree/src/pmem/pmem_pageInfo.inline.hpp", "src/pmem/pmem_pageInfo.inline"},
       {"/tree.d/v1.2/src/pmem/pmem.hpp", "src/pmem/pmem"},
       {"/usr/src/liboxpliv-1.0/src/pmem/pmem_pageZone.cpp", "src/pmem/pmem_pageZone"},
-      {"/home/mysrc/src/pmem/pmem.cpp", "src/pmem/pmem"},
+      {"/opt/mysrc/src/pmem/pmem.cpp", "src/pmem/pmem"},
   };
   for (const auto& one : cases) {
     SCOPED_TRACE(one.file);

@@ -10,6 +10,7 @@
 
 #include "fixtures.hpp"
 #include "spaces.hpp"
+#include "utils/log.hpp"
 #include "utils/safeFetch.hpp"
 
 namespace {
@@ -522,6 +523,47 @@ TEST_F(VmemTest, ReportStats_EverySpaceInIdOrderUnregisteredOnesLeftOut) {
                 {4, head + "1, map stomp count 0, premap reuse count 0, premap fail count 0, watermark page 2"},
                 {4, head + "0, map stomp count 0, premap reuse count 0, premap fail count 0, watermark page -1"},
                 {4, "VMEM cached pages 0[min 0, max 0], cache lookups 0[hits 0], cache flushes 0[full 0]"}}));
+}
+
+// A flush in progress has given pages back whose watermark it has yet to lower: the account is reset before or after it.
+TEST_F(VmemTest, ResetWatermarks_AccountResetWhileItsCachesAreHeld) {
+  const long space = add_space(0, 4);
+  add_alias(space);
+  cache_block(space, 1);
+  // The cache's mutex is the first that is taken; it is tried again, without waiting, at every later one.
+  pthread_mutex_t* cache = nullptr;
+  std::vector<bool> cache_held;
+  Faults::on_pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+    if (cache == nullptr) {
+      cache = mutex;
+    } else {
+      const bool held = pthread_mutex_trylock(cache) != 0;
+      if (!held) {
+        real::pthread_mutex_unlock(cache);
+      }
+      cache_held.push_back(held);
+    }
+    return real::pthread_mutex_lock(mutex);
+  };
+  EXPECT_EQ(VMEM::reset_account_watermarks(2), 0);
+  Faults::on_pthread_mutex_lock = nullptr;
+  EXPECT_EQ(cache_held, (std::vector<bool>{true, false})) << "the account's mutex, then the cache's for its own reset";
+}
+
+void ask_for_statistics(ox_pliv_log_level_t, const char*) {
+  ox_pliv_space_stats_t stats{};
+  EXPECT_EQ(VMEM::get_stats_for_space(0, &stats), 0);
+  account_usage_t usage{};
+  EXPECT_EQ(VMEM::get_account_usage(2, &usage), 0);
+}
+
+TEST_F(VmemTest, ReportStats_LogCallbackAsksForStatistics_NoDeadlock) {
+  const long space = add_space(0, 4);
+  add_alias(space);
+  cache_block(space, 1);
+  set_log_callback(ask_for_statistics, OX_PLIV_LOG_DETAIL);
+  VMEM::report_stats();
+  EXPECT_EQ(stats_of(space).cached_bytes, kPage);
 }
 
 TEST_F(VmemTest, AccountCalls_ReachThePhysicalSide) {
