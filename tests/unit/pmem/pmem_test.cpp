@@ -5,7 +5,6 @@
 #include <atomic>
 #include <set>
 #include <thread>
-#include <utility>
 
 #include "physical_side.hpp"
 
@@ -1186,12 +1185,11 @@ TEST_F(PmemTest, CommitMemory_NewPageAllocatedAndAnotherAllocationFailsMeanwhile
   unsigned long done = 0;
   ASSERT_EQ(PMEM::uncommit_memory(2, 4, done), 0);
   const auto allocate_file = Faults::on_fallocate64;
-  bool first = true;
+  int commits = 0;
   Faults::on_fallocate64 = [&](int fd, int mode, off64_t offset, off64_t length) {
-    if (!std::exchange(first, false)) {
+    if (++commits == 2) {
       EXPECT_NE(PMEM::allocate_single_page(2), -1) << "the page committed just before";
       owner.shrink_if_required();
-      Faults::on_fallocate64 = allocate_file;
     }
     return allocate_file(fd, mode, offset, length);
   };
