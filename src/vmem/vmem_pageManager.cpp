@@ -167,11 +167,11 @@ void* VMEM_PageManager::allocate_pages(void* base, int pages, int account, int p
   }
   block->set_block_size(pages);
   void* const addr = page_address(base, vpage);
-  const int mapped = pmem_page != kNoPage
-                         ? allocate_on_one_run(block, addr, vpage, pmem_page, pages, prot, populate)
-                         : allocate_on_single_pages(block, addr, vpage, pages, account, prot, populate);
-  if (mapped < pages) {
-    return abandon_block(vpage, pages, mapped, account);
+  const long result = pmem_page != kNoPage
+                          ? allocate_on_one_run(block, addr, vpage, pmem_page, pages, prot, populate)
+                          : allocate_on_single_pages(block, addr, vpage, pages, account, prot, populate);
+  if (result != 0) {
+    return abandon_block(vpage, pages, account);
   }
   if (vpage == -1) {
     die("Successful block allocation without base page");
@@ -180,50 +180,36 @@ void* VMEM_PageManager::allocate_pages(void* base, int pages, int account, int p
   return addr;
 }
 
-// Both ways of backing a block answer how many of its pages were mapped: all, or as many as preceded a failure.
-int VMEM_PageManager::allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages,
-                                          int prot, bool populate) {
+long VMEM_PageManager::allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages,
+                                           int prot, bool populate) {
   block->change_state_to_allocated(pmem_page, pages);
-  return map_pages_with_possible_stomp(addr, vpage, pmem_page, pages, prot, populate) == 0 ? pages : 0;
+  return map_pages_with_possible_stomp(addr, vpage, pmem_page, pages, prot, populate);
 }
 
-int VMEM_PageManager::allocate_on_single_pages(VMEM_PageInfo* block, void* addr, long vpage, int pages, int account,
-                                               int prot, bool populate) {
+long VMEM_PageManager::allocate_on_single_pages(VMEM_PageInfo* block, void* addr, long vpage, int pages, int account,
+                                                int prot, bool populate) {
   for (int i = 0; i < pages; ++i) {
     const long pmem_page = allocate_pmem_pages(account, 1, pages > 1);
     block[i].change_state_to_allocating(pmem_page, 1);
     if (pmem_page == kNoPage) {
-      return 0;
+      return -1;
     }
     check_no_active_maps(pmem_page);
   }
   block->change_state_to_allocated_from_allocating();
-  int mapped = 0;
-  while (mapped < pages &&
-         map_pages_with_possible_stomp(page_address(addr, mapped), vpage + mapped, block[mapped].pmem_page(),
-                                       block[mapped].pmem_map_size(), prot, populate) == 0) {
-    mapped += block[mapped].pmem_map_size();
+  long result = 0;
+  for (int i = 0; i < pages && result == 0; i += block[i].pmem_map_size()) {
+    result = map_pages_with_possible_stomp(page_address(addr, i), vpage + i, block[i].pmem_page(),
+                                           block[i].pmem_map_size(), prot, populate);
   }
-  return mapped;
+  return result;
 }
 
-// Undoes a block of which only the first `mapped` pages could be mapped: these remember the new mapping, the others go
-// back to the one that is still in place, so that each page's reference is dropped when its mapping really goes. errno
-// stays.
-void* VMEM_PageManager::abandon_block(long vpage, int pages, int mapped, int account) {
+// Undoes a block that could not be built: freed like any other, so its records remember its pages as what is mapped
+// there, also where the mapping failed. errno stays.
+void* VMEM_PageManager::abandon_block(long vpage, int pages, int account) {
   const ErrnoKeeper keeper;
-  VMEM_PageInfo* const block = get_vmem_page_info(vpage);
-  free_physical_pages(block, pages, account);
-  VMEM_PageInfo* const unmapped = block + mapped;
-  unmapped->set_block_size(pages - mapped);
-  unmapped->set_state(VMEM_PageInfo::Allocating);
-  unmapped->change_state_to_free(pages - mapped);
-  if (mapped > 0) {
-    block->set_block_size(mapped);
-    block->set_state(VMEM_PageInfo::Allocated);
-    block->change_state_to_free(mapped);
-  }
-  free_virtual_pages(vpage, pages);
+  free_pages(page_offset(vpage), pages, account);
   return kNoAddress;
 }
 
@@ -395,8 +381,8 @@ void* VMEM_PageManager::multimap_run(void* base, long pmem_page, int pages, int 
     return kNoAddress;
   }
   void* const addr = page_address(base, vpage);
-  const int mapped = allocate_on_one_run(block, addr, vpage, pmem_page, pages, prot, populate);
-  return mapped == pages ? addr : abandon_block(vpage, pages, mapped, PMEM::account_id_for_page(pmem_page));
+  const long result = allocate_on_one_run(block, addr, vpage, pmem_page, pages, prot, populate);
+  return result == 0 ? addr : abandon_block(vpage, pages, PMEM::account_id_for_page(pmem_page));
 }
 
 void* VMEM_PageManager::multimap_single_runs(void* base, VMEM_PageInfo* source_block, int pages, int prot,
@@ -415,7 +401,7 @@ void* VMEM_PageManager::multimap_single_runs(void* base, VMEM_PageInfo* source_b
     block[i].change_state_to_allocating(run.pmem_page(), run.pmem_map_size());
     if (map_pages_with_possible_stomp(page_address(addr, i), vpage + i, run.pmem_page(), run.pmem_map_size(), prot,
                                       populate) != 0) {
-      return abandon_block(vpage, pages, i, PMEM::account_id_for_page(run.pmem_page()));
+      return abandon_block(vpage, pages, PMEM::account_id_for_page(run.pmem_page()));
     }
   }
   block->change_state_to_allocated_from_allocating();

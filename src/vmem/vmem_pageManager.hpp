@@ -106,11 +106,11 @@ class VMEM_PageManager {
 
  private:
   bool are_premapped(long first_page, int pages) const;
-  int allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages, int prot,
-                          bool populate);
-  int allocate_on_single_pages(VMEM_PageInfo* block, void* addr, long vpage, int pages, int account, int prot,
-                               bool populate);
-  void* abandon_block(long vpage, int pages, int mapped, int account);
+  long allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages, int prot,
+                           bool populate);
+  long allocate_on_single_pages(VMEM_PageInfo* block, void* addr, long vpage, int pages, int account, int prot,
+                                bool populate);
+  void* abandon_block(long vpage, int pages, int account);
   long free_virtual_pages(long vpage, int pages);
   static long free_physical_pages(VMEM_PageInfo* block, int pages, int account);
   void* multimap_run(void* base, long pmem_page, int pages, int prot, bool populate);

@@ -142,7 +142,7 @@ void* VMEM_SpaceManager::allocate(long alias_index, unsigned long size, int acco
   if (_map_all_aliases && !from_cache && !_page_manager.is_premapped_addr(alias.base, block) &&
       multimap_addr_to_all_aliases(block, static_cast<unsigned long>(pages)) != 0) {
     const ErrnoKeeper keeper;
-    release(block, size, account, false);  // never to the cache: it is not mapped everywhere
+    free(block, size, account);
     return kNoAddress;
   }
   return block;
@@ -173,10 +173,6 @@ void* VMEM_SpaceManager::allocate_block(const Alias& alias, int pages, int accou
 }
 
 long VMEM_SpaceManager::free(void* addr, unsigned long size, int account) {
-  return release(addr, size, account, true);
-}
-
-long VMEM_SpaceManager::release(void* addr, unsigned long size, int account, bool may_be_cached) {
   void* const base = alias_base_for_addr(addr);
   if (base == nullptr) {
     return fail_with(EFAULT);
@@ -196,8 +192,8 @@ long VMEM_SpaceManager::release(void* addr, unsigned long size, int account, boo
     die("Negative active reference count");
   }
   const long offset = static_cast<char*>(addr) - static_cast<char*>(base);
-  if (may_be_cached && uses_cache_for_account(account) && static_cast<unsigned long>(offset) >= _premapped_size &&
-      references == 0 && _cache->free_block_to_cache(offset, pages) == 0) {
+  if (uses_cache_for_account(account) && static_cast<unsigned long>(offset) >= _premapped_size && references == 0 &&
+      _cache->free_block_to_cache(offset, pages) == 0) {
     return 0;
   }
   // With references left the block goes and its physical pages stay.

@@ -14,7 +14,8 @@ namespace oxpliv {
 // Owns:      the page manager and the cache.
 // Locking:   none of its own. Aliases are registered by one thread before the space's first block; an alias is filled
 //            in before the count that makes it visible is raised. Population is done by one thread at a time.
-// Invariant: a block in the cache is mapped at every alias that its space maps, and has no active references.
+// Invariant: a block in the cache has no active references, and is mapped at every alias that its space maps: it is
+//            handed out again as it is. Only a block whose mapping at another alias failed is cached without.
 // Addresses answer kNoAddress on failure, everything else -1, with errno.
 class VMEM_SpaceManager {
  public:
@@ -88,7 +89,6 @@ class VMEM_SpaceManager {
   // What one allocation adds to the active references of its pages.
   int references_of_block() const { return _map_all_aliases ? alias_count() : 1; }
   void* allocate_block(const Alias& alias, int pages, int account, bool& from_cache);
-  long release(void* addr, unsigned long size, int account, bool may_be_cached);
   template <typename Lookup>
   long look_up(void* addr, Lookup lookup) const;
 

@@ -589,7 +589,8 @@ TEST_F(PageManagerTest, AllocatePages_MappingARunFails_UndoneWithItsErrno) {
     const auto after = world(*made, kPages);
     for (long page = 0; page < pages; ++page) {
       EXPECT_TRUE(made->get_vmem_page_info(page)->is_free());
-      EXPECT_EQ(made->get_vmem_page_info(page)->prev_pmem_page(), kNoPage) << "what was never mapped is not remembered";
+      EXPECT_EQ(made->get_vmem_page_info(page)->prev_pmem_page(), kRuns + page) << "as if it had been mapped";
+      EXPECT_EQ(PMEM::ref_count_for_page(kRuns + page), 0U);
     }
     before.records = after.records;
     before.stats[3] += pages == 1 ? 1 : 0;
@@ -597,21 +598,23 @@ TEST_F(PageManagerTest, AllocatePages_MappingARunFails_UndoneWithItsErrno) {
   }
 }
 
-TEST_F(PageManagerTest, AllocatePages_MappingOverAStaleOneFails_OldPagesKeepTheirReferencesUntilReplaced) {
+// The pages that could not be mapped take the place of those that still are: these keep their references for good.
+TEST_F(PageManagerTest, AllocatePages_MappingOverAStaleOneFails_TheNewPagesAreRememberedInstead) {
   const auto made = manager(kPages, 0, {runs});
   void* const stale = allocate(*made, 3);
   ASSERT_EQ(made->free_pages(_space.base(), stale, 3, kAccount), 0);
+  ASSERT_EQ(PMEM::allocate_pages(3, kAccount, runs), kRuns) << "so that other pages come next";
   Faults::fail(Call::mmap64, EAGAIN);
   EXPECT_EQ(allocate(*made, 3), kNoAddress);
   for (long page = kRuns; page < kRuns + 3; ++page) {
     EXPECT_EQ(PMEM::ref_count_for_page(page), 1U) << "still mapped";
-    EXPECT_EQ(made->get_vmem_page_info(page - kRuns)->prev_pmem_page(), page);
+    EXPECT_EQ(PMEM::ref_count_for_page(page + 3), 0U);
+    EXPECT_EQ(made->get_vmem_page_info(page - kRuns)->prev_pmem_page(), page + 3);
   }
-  ASSERT_NE(PMEM::allocate_pages(3, kAccount, runs), kNoPage) << "so that other pages come next";
   EXPECT_EQ(allocate(*made, 3), stale);
   for (long page = kRuns; page < kRuns + 3; ++page) {
-    EXPECT_EQ(PMEM::ref_count_for_page(page), 0U) << "replaced";
-    EXPECT_EQ(PMEM::ref_count_for_page(page + 3), 1U);
+    EXPECT_EQ(PMEM::ref_count_for_page(page), 1U) << "replaced, and nobody knows";
+    EXPECT_EQ(PMEM::ref_count_for_page(page + 3), 0U) << "the new mapping's reference went for the remembered one";
   }
 }
 
@@ -1214,14 +1217,19 @@ TEST_F(MultimapBetweenTest, SeveralRuns_FailuresLeaveTheTargetFree) {
     SCOPED_TRACE(failing);
     const auto target = manager(8, 0, {});
     const auto before = world(*target, 8);
+    std::vector<uint32_t> references;
+    for (long page = 0; page < 3; ++page) {
+      references.push_back(PMEM::ref_count_for_page(source->get_vmem_page_info(page)->pmem_page()));
+    }
     Faults::fail(Call::mmap64, EAGAIN, failing);
     expect_failure(*target, *source, 0, 3, EAGAIN);
     const auto after = world(*target, 8);
     for (long page = 0; page < 3; ++page) {
       const VMEM_PageInfo* const record = target->get_vmem_page_info(page);
       EXPECT_TRUE(record->is_free());
+      EXPECT_EQ(record->prev_pmem_page(), kNoPage) << "a block under construction goes back to what was before";
       const long mapped = source->get_vmem_page_info(page)->pmem_page();
-      EXPECT_EQ(record->prev_pmem_page(), page < failing ? mapped : kNoPage) << "what was mapped is remembered";
+      EXPECT_EQ(PMEM::ref_count_for_page(mapped), references[static_cast<size_t>(page)] + (page < failing ? 1U : 0U));
     }
     EXPECT_EQ(after.free_ranges, before.free_ranges);
     EXPECT_EQ(after.used, before.used);
