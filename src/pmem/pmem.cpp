@@ -261,6 +261,17 @@ unsigned long PMEM_Account::get_accounts_to_credit() {
   return _accounts_to_credit;
 }
 
+const char* PMEM_Account::Check() {
+  const MutexLocker locker(&_mutex);
+  if (_fund_pages != _used_pages + _balance_pages) {
+    return "fund is not used and balance together";
+  }
+  if (_balance_pages < _balance_min_pages || _balance_pages > _balance_max_pages || _used_pages < _used_min_pages) {
+    return "a count outside its watermarks";
+  }
+  return _funding_in_progress != 0 ? "funding that never ended" : nullptr;
+}
+
 // ---- PMEM
 
 bool PMEM::_initialized = false;

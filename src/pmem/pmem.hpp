@@ -70,6 +70,9 @@ class PMEM_Account {
   unsigned long get_accounts_to_credit();
   void add_funded_pages(unsigned long pages) { _funded_pages.add(pages); }
 
+  // Tests and fuzzers ask this after each step: null, or what is broken.
+  const char* Check();
+
  private:
   void check_consistency() const;
   void fit_fund_to_funding(unsigned long newly_funded, bool memory_is_short);

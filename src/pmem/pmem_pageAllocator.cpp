@@ -268,6 +268,51 @@ PMEM_PageInfo* PMEM_PageAllocator::remove_page_from_needs_pretouch_list() {
   return nullptr;
 }
 
+template <typename State>
+unsigned long PMEM_PageAllocator::count_pages(AOFirstFitAllocator& ranges, State state) {
+  unsigned long count = 0;
+  VisitRanges_Closure counter([&](unsigned long start, unsigned long size) {
+    for (unsigned long page = start; page < start + size; ++page) {
+      count += state(*PMEM_PageInfo::page_info(static_cast<long>(page))) ? 1 : 0;
+    }
+  });
+  ranges.free_blocks_do_closure(&counter);
+  return count;
+}
+
+const char* PMEM_PageAllocator::Check() {
+  const MutexLocker defunded_locker(&_defunded_list_mutex);
+  const MutexLocker free_locker(&_free_list_mutex);
+  const char* const broken_list = _defunded_list.Check();
+  if (broken_list != nullptr) {
+    return broken_list;
+  }
+  const auto is_not_funded = [](const PMEM_PageInfo& page) { return page.is_not_funded(); };
+  if (count_pages(_defunded_list, is_not_funded) != _defunded_pages) {
+    return "defunded pages differ from the pages without memory on the defunded list";
+  }
+  if (_free_pages_low > _free_pages || _free_pages > _free_pages_high || _defunded_pages_low > _defunded_pages ||
+      _defunded_pages > _defunded_pages_high) {
+    return "a page count outside its watermarks";
+  }
+  return check_free_list();
+}
+
+const char* PMEM_PageAllocator::check_needs_pretouch_list() {
+  unsigned long count = 0;
+  const PMEM_PageInfo* record = _needs_pretouch_list;
+  while (record != nullptr && count < _needs_pretouch_list_size) {
+    const PMEM_PageInfo* const link = record->next_pretouch_page();
+    if (link == nullptr) {
+      return "a page on the needs-pretouch list that is marked as unlisted";
+    }
+    record = link == record ? nullptr : link;
+    ++count;
+  }
+  return record != nullptr || count != _needs_pretouch_list_size ? "needs-pretouch list differs from its size"
+                                                                 : nullptr;
+}
+
 // ---- PMEM_FreeList
 
 void PMEM_FreeList::reset_watermarks() {
@@ -499,6 +544,24 @@ void PMEM_PageQueue::validate() {
   }
 }
 
+const char* PMEM_PageQueue::check_free_list() {
+  const auto all_pages = static_cast<unsigned long>(PMEM_PageInfo::page_info_top() - PMEM_PageInfo::page_info_base());
+  unsigned long linked = 0;
+  unsigned long free = 0;
+  const PMEM_PageInfo* last = nullptr;
+  for (const PMEM_PageInfo* record = _head; record != nullptr; record = record->next()) {
+    if (++linked > all_pages) {
+      return "page queue is a circle";
+    }
+    free += record->is_allocatable() ? 1 : 0;
+    last = record;
+  }
+  if (last != _tail) {
+    return "page queue does not end at its tail";
+  }
+  return free != free_pages() ? "free pages differ from those in the queue" : nullptr;
+}
+
 void PMEM_PageQueue::print_free_pages() {
   const MutexLocker locker(free_list_mutex());
   for (const PMEM_PageInfo* record = _head; record != nullptr; record = record->next()) {
@@ -712,6 +775,18 @@ long PMEM_AOFFList::refresh_free_pages(unsigned long& refreshed) {
   _free_list.free_blocks_do_closure(&closure);
   refreshed = closure.refreshed_pages();
   return closure.completed() ? 0 : -1;
+}
+
+const char* PMEM_AOFFList::check_free_list() {
+  const char* const broken_list = _free_list.Check();
+  if (broken_list != nullptr) {
+    return broken_list;
+  }
+  const auto is_allocatable = [](const PMEM_PageInfo& page) { return page.is_allocatable(); };
+  const auto any = [](const PMEM_PageInfo&) { return true; };
+  return count_pages(_free_list, is_allocatable) != free_pages() || count_pages(_free_list, any) != free_pages()
+             ? "free pages differ from those in the free ranges"
+             : nullptr;
 }
 
 void PMEM_AOFFList::print_free_pages() {

@@ -76,6 +76,11 @@ class PMEM_PageAllocator {
   long restore_page_to_defunded_list(long page);
   AOFirstFitAllocator* defunded_list() { return &_defunded_list; }
 
+  // Tests and fuzzers ask this after each step: null, or what is broken in either list or its counter.
+  const char* Check();
+  // The same for the needs-pretouch list, while nobody adds or removes.
+  static const char* check_needs_pretouch_list();
+
   // The needs-pretouch list: a stack, shared by all zones, of pages whose memory was committed anew. A page that is
   // listed is not listed again. Any threads may add and remove at once.
   static void add_page_to_needs_pretouch_list(long page);
@@ -85,7 +90,12 @@ class PMEM_PageAllocator {
  protected:
   pthread_mutex_t* free_list_mutex() { return &_free_list_mutex; }
 
+  // Pages of the ranges for which state(record) holds.
+  template <typename State>
+  static unsigned long count_pages(AOFirstFitAllocator& ranges, State state);
+
  private:
+  virtual const char* check_free_list() = 0;
   unsigned long collect_defunded_pages(long* pages, unsigned long n);
   void restore_pages_to_defunded_list(const long* pages, unsigned long n);
 
@@ -148,6 +158,7 @@ class PMEM_PageQueue : public PMEM_FreeList {
   void test_add_page_to_defund(long page);
 
  private:
+  const char* check_free_list() override;
   void append_chain(PMEM_PageInfo* first, PMEM_PageInfo* last);
   void hand_out(PMEM_PageInfo* page, PMEM_PageInfo* prev, long& page_num);
   void unlink_if_linked(PMEM_PageInfo* page);
@@ -201,7 +212,10 @@ class PMEM_AOFFList : public PMEM_FreeList {
   long refresh_free_pages(unsigned long& refreshed) override;
   void print_free_pages() override;
 
+  AOFirstFitAllocator* free_list() { return &_free_list; }
+
  private:
+  const char* check_free_list() override;
   long fund_and_hand_out(long page, bool& funded);
   long put(long start, unsigned long count);
   void give_back(long start, unsigned long count);

@@ -178,6 +178,18 @@ void PMEM_PageZone::get_stats(unsigned long& max, unsigned long& watermark, unsi
   _allocator->get_stats(free, free_low, free_high, defunded);
 }
 
+const char* PMEM_PageZone::Check() const {
+  if (_fund_cursor < static_cast<unsigned long>(_start_page) || _fund_cursor > _fund_limit) {
+    return "fund cursor outside the initial pages";
+  }
+  for (long page = _start_page; page < _start_page + static_cast<long>(_max_pages); ++page) {
+    if (PMEM_PageInfo::page_info(page)->zone_id() != _zone_id) {
+      return "a page of the zone without its id";
+    }
+  }
+  return nullptr;
+}
+
 long PMEM_PageZone::test_uncommit_pages_and_record(long* pages, unsigned long n, unsigned long& uncommitted,
                                                    unsigned long& unpopulated) {
   for (unsigned long i = 0; i < n; ++i) {

@@ -61,6 +61,11 @@ class PMEM_PageZone {
                  unsigned long& free_high, unsigned long& defunded) const;
   void reset_watermarks() { _allocator->reset_watermarks(); }
 
+  long start_page() const { return _start_page; }
+
+  // Tests and fuzzers ask this after each step: null, or what is broken in the zone itself (not in its free list).
+  const char* Check() const;
+
   // Test hooks.
   long test_uncommit_pages_and_record(long* pages, unsigned long n, unsigned long& uncommitted,
                                       unsigned long& unpopulated);

@@ -115,6 +115,17 @@ void AOFirstFitAllocator::free_blocks_do_closure(Allocator_Closure* closure) {
   }
 }
 
+const char* AOFirstFitAllocator::Check() const {
+  unsigned long lowest_start = 0;
+  for (const AddressBlock& block : _free_list) {
+    if (block.start() < lowest_start || block.end() < block.start()) {
+      return "free ranges out of order, overlapping or touching";
+    }
+    lowest_start = block.end() + 1;
+  }
+  return nullptr;
+}
+
 void AOFirstFitAllocator::print_freelist() {
   for (const AddressBlock& block : _free_list) {
     for (unsigned long unit = block.start(); unit != block.end(); ++unit) {

@@ -31,6 +31,20 @@ class Allocator_Closure {
   virtual ~Allocator_Closure() = default;
 };
 
+// Calls visit(start, size) for each range.
+template <typename Visit>
+class VisitRanges_Closure : public Allocator_Closure {
+ public:
+  explicit VisitRanges_Closure(Visit visit) : _visit(visit) {}
+  bool do_closure(unsigned long start, unsigned long size) override {
+    _visit(start, size);
+    return false;
+  }
+
+ private:
+  Visit _visit;
+};
+
 // Hands out ranges of integer units.
 class Allocator {
  public:
@@ -77,6 +91,9 @@ class AOFirstFitAllocator : public Allocator {
   // Every free unit, or every free range, on standard output.
   void print_freelist() override;
   void print_freeblocks() override;
+
+  // Tests and fuzzers ask this after each step: null, or what is broken.
+  const char* Check() const;
 
  private:
   using FreeList = std::list<AddressBlock, CustomCHeapAllocator<AddressBlock>>;

@@ -109,6 +109,29 @@ long VMEM_PageInfo::change_state_to_free(int block_size) {
   return 0;
 }
 
+const char* VMEM_PageInfo::Check() const {
+  if (!is_base_page()) {
+    return "a block without a first page";
+  }
+  int in_run = 0;
+  for (int i = 0; i < block_size(); ++i) {
+    const VMEM_PageInfo& record = this[i];
+    if (!record.is_allocated() || (i > 0 && record.block_size() != -i)) {
+      return "pages of one block in different states";
+    }
+    if (in_run == 0) {
+      in_run = record.pmem_map_size();
+      if (record.pmem_page() < 0 || in_run < 1 || in_run > block_size() - i) {
+        return "a page without a physical page";
+      }
+    } else if (record.pmem_page() != kNoPage || record.pmem_map_size() != -1) {
+      return "a physical page inside a run";
+    }
+    --in_run;
+  }
+  return nullptr;
+}
+
 long VMEM_PageInfo::unlock() {
   switch (_lock.unlock()) {
     case ByteLock::Unlock::Done:

@@ -58,6 +58,9 @@ class VMEM_PageInfo {
   // was remembered before.
   long change_state_to_free(int block_size);
 
+  // Tests and fuzzers ask this of the first record of a block that is in use: null, or what is broken in the block.
+  const char* Check() const;
+
   // The record lock: see ByteLock.
   long try_lock() { return _lock.try_lock(); }
   long lock() { return _lock.lock(); }

@@ -477,6 +477,35 @@ long VMEM_PageManager::get_bs_offset_of_mapped_page(void* base, void* addr) cons
   return page == kNoPage ? -1 : static_cast<long>(PMEM::backing_store_offset_of_page(page));
 }
 
+const char* VMEM_PageManager::check_free_ranges(unsigned long& free_pages) {
+  const MutexLocker locker(&_mutex);
+  const char* broken = _allocator->Check();
+  VisitRanges_Closure check([&](unsigned long start, unsigned long size) {
+    free_pages += size;
+    for (unsigned long page = start; page < start + size && broken == nullptr; ++page) {
+      const VMEM_PageInfo* const record = get_vmem_page_info(static_cast<long>(page));
+      broken = record != nullptr && record->is_free() ? nullptr : "a free range over a page in use";
+    }
+  });
+  _allocator->free_blocks_do_closure(&check);
+  return broken;
+}
+
+const char* VMEM_PageManager::Check() {
+  const ErrnoKeeper keeper;  // looking past the last record sets it
+  unsigned long free_pages = 0;
+  const char* broken = check_free_ranges(free_pages);
+  unsigned long free_records = 0;
+  const VMEM_PageInfo* record = nullptr;
+  for (long vpage = _last_premapped_page + 1; broken == nullptr && (record = get_vmem_page_info(vpage)) != nullptr;) {
+    broken = record->is_free() ? nullptr : record->Check();
+    free_records += record->is_free() ? 1 : 0;
+    vpage += record->is_free() || broken != nullptr ? 1 : record->block_size();
+  }
+  return broken == nullptr && free_records != free_pages ? "a page that is neither in a free range nor in a block"
+                                                         : broken;
+}
+
 void VMEM_PageManager::get_stats(ox_pliv_space_stats_t* stats) const {
   stats->map_count = _map_count;
   stats->map_stomp_count = _map_stomp_count;

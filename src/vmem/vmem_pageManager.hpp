@@ -100,6 +100,9 @@ class VMEM_PageManager {
   void report_stats() const;
   void print_free_blocks();
 
+  // Tests and fuzzers ask this while no block is allocated or freed: null, or what is broken.
+  const char* Check();
+
   AOFirstFitAllocator* allocator() const { return _allocator; }
   unsigned char zone_count() const { return _zone_count; }
   unsigned char allowed_zone(unsigned char index) const { return _allowed_zones[index]; }
@@ -117,6 +120,7 @@ class VMEM_PageManager {
   void* multimap_single_runs(void* base, VMEM_PageInfo* source_block, int pages, int prot, bool populate);
   VMEM_PageInfo* allocate_target_block(int pages, long& vpage);
   long mapped_pmem_page(void* base, void* addr) const;
+  const char* check_free_ranges(unsigned long& free_pages);
 
   AOFirstFitAllocator* _allocator = nullptr;
   VMEM_PageInfoManager _pageinfo_manager;

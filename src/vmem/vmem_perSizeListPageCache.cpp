@@ -160,6 +160,28 @@ void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {
   stats->cache_full_flushes = _full_flushes;
 }
 
+const char* VMEM_PerSizeListPageCache::Check() {
+  const MutexLocker locker(&_mutex);
+  unsigned long pages = 0;
+  for (int size = 1; size <= _max_bucket_pages; ++size) {
+    if (_buckets[size] == nullptr) {
+      continue;
+    }
+    for (const long offset : *_buckets[size]) {
+      if (_page_manager->validate_allocated_block(offset >> kPageShift, size) != 0) {
+        return "a cached block that is not an allocated block of its size";
+      }
+      pages += static_cast<unsigned long>(size);
+    }
+  }
+  if (pages != _cached_pages) {
+    return "cached pages differ from the blocks in the cache";
+  }
+  return _cached_pages < _cached_pages_min || _cached_pages > _cached_pages_max
+             ? "cached pages outside their watermarks"
+             : nullptr;
+}
+
 void VMEM_PerSizeListPageCache::report_stats() {
   ox_pliv_space_stats_t stats;
   get_stats(&stats);  // the log callback runs without the mutex: it may ask for statistics itself

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "exposed.hpp"
 #include "fixtures.hpp"
 #include "pmem/pmem.hpp"
 #include "utils/internalMemoryUsage.hpp"
@@ -18,26 +19,16 @@
 // description of everything that a caller can see, to be compared before and after a call.
 namespace oxtest {
 
-// An account's private numbers, for states that no sequence of calls leads to.
-template <auto Member, typename Tag>
-struct ExposedMember {
-  friend constexpr auto exposed(Tag) { return Member; }
-};
-#define OXTEST_EXPOSE(name)                    \
-  struct name##_tag {                          \
-    friend constexpr auto exposed(name##_tag); \
-  };                                           \
-  template struct ExposedMember<&oxpliv::PMEM_Account::_##name, name##_tag>
-OXTEST_EXPOSE(funded_pages);
-OXTEST_EXPOSE(fund_pages);
-OXTEST_EXPOSE(used_pages);
-OXTEST_EXPOSE(balance_pages);
-OXTEST_EXPOSE(balance_min_pages);
-OXTEST_EXPOSE(max_pages);
-#undef OXTEST_EXPOSE
+// An account's private numbers.
+OXTEST_EXPOSE(PMEM_Account, funded_pages);
+OXTEST_EXPOSE(PMEM_Account, fund_pages);
+OXTEST_EXPOSE(PMEM_Account, used_pages);
+OXTEST_EXPOSE(PMEM_Account, balance_pages);
+OXTEST_EXPOSE(PMEM_Account, balance_min_pages);
+OXTEST_EXPOSE(PMEM_Account, max_pages);
 
 inline unsigned long funded_pages_of(oxpliv::PMEM_Account& account) {
-  return account.*exposed(funded_pages_tag{});
+  return account.*exposed(PMEM_Account_funded_pages{});
 }
 
 inline account_usage_t usage_of(oxpliv::PMEM_Account& account) {

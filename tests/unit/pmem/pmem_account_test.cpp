@@ -42,13 +42,13 @@ class AccountTest : public oxtest::PhysicalSideTest {
 TEST_F(AccountTest, Constructor_AllZeroAndNobodyToCredit) {
   EXPECT_EQ(describe(account_), "fund 0 funded 0 balance 0 [0,0] used 0 [0,0] peak 0");
   EXPECT_EQ(account_.get_accounts_to_credit(), ~0UL);
-  EXPECT_EQ(account_.*exposed(oxtest::max_pages_tag{}), 0UL);
+  EXPECT_EQ(account_.*exposed(oxtest::PMEM_Account_max_pages{}), 0UL);
 }
 
 TEST_F(AccountTest, Initialize_TheWholeSizeIsFundAndBalance) {
   EXPECT_EQ(account_.initialize(static_cast<long>(10 * kPage + kPage - 1)), 0);  // whole pages only
   EXPECT_EQ(describe(account_), "fund 10 funded 0 balance 10 [10,10] used 0 [0,0] peak 10");
-  EXPECT_EQ(account_.*exposed(oxtest::max_pages_tag{}), 0UL);
+  EXPECT_EQ(account_.*exposed(oxtest::PMEM_Account_max_pages{}), 0UL);
   EXPECT_EQ(account_.get_accounts_to_credit(), ~0UL);
 }
 
@@ -62,7 +62,7 @@ TEST_F(AccountTest, Initialize_MutexCannotBeMade_ChangesNothing) {
 TEST_F(AccountTest, SetMaxPages_TakesWholePages) {
   open(1);
   account_.set_max_pages(7 * kPage + 5);
-  EXPECT_EQ(account_.*exposed(oxtest::max_pages_tag{}), 7UL);
+  EXPECT_EQ(account_.*exposed(oxtest::PMEM_Account_max_pages{}), 7UL);
 }
 
 // ------------------------------------------------------------------------------------------------------ debit and
@@ -128,7 +128,7 @@ TEST_F(AccountTest, Credit_WithoutFund_TakesNothingAndNoLock) {
 
 TEST_F(AccountTest, DebitAndCredit_NumbersThatDoNotAddUp_Die) {
   open(10);
-  account_.*exposed(oxtest::used_pages_tag{}) = 3;  // 10 + 3 is not 10
+  account_.*exposed(oxtest::PMEM_Account_used_pages{}) = 3;  // 10 + 3 is not 10
   EXPECT_DEATH(account_.debit(1), dies_with(kUnit, "account stats are inconsistent"));
   EXPECT_DEATH(account_.credit(0), dies_with(kUnit, "account stats are inconsistent"));
 }
@@ -174,11 +174,11 @@ TEST_F(AccountTest, ExpandFund_NumbersOutOfBounds_Dies) {
   open(10);
   account_.add_funded_pages(11);
   EXPECT_DEATH(account_.expand_fund(1), dies_with(kUnit, "Funded pages in account more than fund pages"));
-  account_.*exposed(oxtest::balance_pages_tag{}) = 11;  // the funded pages are looked at first
+  account_.*exposed(oxtest::PMEM_Account_balance_pages{}) = 11;  // the funded pages are looked at first
   EXPECT_DEATH(account_.expand_fund(1), dies_with(kUnit, "Funded pages in account more than fund pages"));
-  account_.*exposed(oxtest::funded_pages_tag{}) = 10;
+  account_.*exposed(oxtest::PMEM_Account_funded_pages{}) = 10;
   EXPECT_DEATH(account_.expand_fund(1), dies_with(kUnit, "Balance pages in account more than fund pages"));
-  account_.*exposed(oxtest::balance_pages_tag{}) = 10;
+  account_.*exposed(oxtest::PMEM_Account_balance_pages{}) = 10;
   EXPECT_EQ(account_.expand_fund(1), 0);
 }
 
@@ -509,7 +509,7 @@ TEST_F(FundPhysicalTest, FundPhysical_CutBelowWhatIsUsed_Dies) {
 
 TEST_F(FundPhysicalTest, FundPhysical_GrownBalanceBelowItsWatermark_Dies) {
   prepare(8, 5);
-  account_.*exposed(oxtest::balance_min_pages_tag{}) = 100;
+  account_.*exposed(oxtest::PMEM_Account_balance_min_pages{}) = 100;
   EXPECT_DEATH(account_.fund_physical(9), dies_with(kUnit, "unexpected inconsistency in balance"));
 }
 
