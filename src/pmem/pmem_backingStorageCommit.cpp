@@ -113,7 +113,7 @@ long PMEM_BackingStorage::touch_region_safe(void* address, unsigned long length)
 }
 
 // The memory may be in use by others; what is read is of no interest, so there is no race to detect.
-[[gnu::no_sanitize("thread")]] long PMEM_BackingStorage::touch_region_unsafe(void* address, unsigned long length) {
+[[gnu::no_sanitize_thread]] long PMEM_BackingStorage::touch_region_unsafe(void* address, unsigned long length) {
   const unsigned long step = touch_step();
   for (unsigned long done = 0; done < length; done += step) {
     _volatile_char = *(static_cast<volatile char*>(address) + done);
