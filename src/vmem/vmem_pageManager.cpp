@@ -209,7 +209,7 @@ long VMEM_PageManager::allocate_on_single_pages(VMEM_PageInfo* block, void* addr
 // there, also where the mapping failed. errno stays.
 void* VMEM_PageManager::abandon_block(long vpage, int pages, int account) {
   const ErrnoKeeper keeper;
-  free_pages(page_offset(vpage), pages, account);
+  free_pages(static_cast<long>(page_offset(vpage)), pages, account);
   return kNoAddress;
 }
 
