@@ -481,7 +481,7 @@ TEST_P(Storms, NoCallFailsAndHandlersRun) {
   if (GetParam().named && !mounted.valid()) {
     GTEST_SKIP() << "tmpfs can't be mounted here";
   }
-  for (int host = 0; host < 8; ++host) {
+  for (int host = 0; host < 5; ++host) {
     SCOPED_TRACE("host " + std::to_string(host));
     expect_well([&](Child&) {
       if (GetParam().named) {
@@ -490,7 +490,7 @@ TEST_P(Storms, NoCallFailsAndHandlersRun) {
       hooks().fallocate = [](int mode, off64_t, off64_t) { return mode == 0 ? interrupted_by_then() : 0; };
       hooks().truncate = [](off64_t) { return interrupted_by_then(); };
       const SignalStorm storm(pthread_self());
-      live(GetParam().named ? mounted.path().c_str() : nullptr, 40);
+      live(GetParam().named ? mounted.path().c_str() : nullptr, 30);
       EXPECT_GT(handled, 100);
     });
   }
