@@ -132,10 +132,10 @@ TEST_F(Fork, ChildThatOutlivesAKilledParent_KeepsTheMemoryUntilItEnds) {
     bring_up();
     char* const memory = allocate(heap, 3);
     oxiface::stamp(memory, 3, 6);
+    const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
       alarm(60);  // nobody else ends it when the test is stopped
-      const pid_t parent = getppid();
       self.tell('f');
       while (getppid() == parent) {
         usleep(1000);
