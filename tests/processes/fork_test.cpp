@@ -36,7 +36,7 @@ class Fork : public oxiface::HeapTest {
     }
   }
 
-  std::optional<oxtest::TemporaryMount> mounted;
+  std::optional<TemporaryMount> mounted;
   Usage free_before;
   long heap = -1;
   char* bases[2] = {};

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "child.hpp"
+#include "guards.hpp"
 #include "interface/heap.hpp"
 #include "interposed.hpp"
 #include "machine.hpp"
-#include "support/system_guards.hpp"
 
 namespace oxproc {
 namespace {
@@ -21,9 +21,6 @@ using oxiface::kAny;
 using oxiface::kPage;
 using oxiface::ox;
 using oxiface::pages;
-using oxtest::HugePagePool;
-using oxtest::Knob;
-using oxtest::TemporaryMount;
 
 constexpr uint64_t kInitial = 16;  // pages
 constexpr uint64_t kMaximum = 40;

@@ -7,10 +7,10 @@
 #include <sys/stat.h>
 
 #include "child.hpp"
+#include "guards.hpp"
 #include "interface/heap.hpp"
 #include "interposed.hpp"
 #include "machine.hpp"
-#include "support/system_guards.hpp"
 
 namespace oxproc {
 namespace {
@@ -20,7 +20,6 @@ using oxiface::Log;
 using oxiface::LogLine;
 using oxiface::ox;
 using oxiface::pages;
-using oxtest::TemporaryMount;
 
 class NamedFile : public testing::Test {
  protected:

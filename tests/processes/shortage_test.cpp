@@ -25,8 +25,6 @@ using oxiface::pages;
 using oxiface::Visible;
 using oxiface::zone_of;
 using oxiface::zone_words;
-using oxtest::HugePagePool;
-using oxtest::TemporaryMount;
 
 int64_t grow(uint64_t count) {
   return ox().pmem_fund_account(kAny, 2, pages(count));

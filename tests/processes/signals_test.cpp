@@ -13,10 +13,10 @@
 #include <thread>
 
 #include "child.hpp"
+#include "guards.hpp"
 #include "interface/heap.hpp"
 #include "interposed.hpp"
 #include "machine.hpp"
-#include "support/system_guards.hpp"
 
 namespace oxproc {
 namespace {
@@ -484,11 +484,11 @@ TEST_P(Storms, NoCallFailsAndHandlersRun) {
   if (kHandlersAreWatched) {
     GTEST_SKIP() << "under a storm the sanitizer itself leaves all signals blocked now and then, also without us";
   }
-  const oxtest::HugePagePool pool(GetParam().explicit_pages ? 52 : 0);
-  if (GetParam().explicit_pages && (!pool.valid() || oxtest::HugePagePool::free_pages() < 52)) {
+  const HugePagePool pool(GetParam().explicit_pages ? 52 : 0);
+  if (GetParam().explicit_pages && (!pool.valid() || HugePagePool::free_pages() < 52)) {
     GTEST_SKIP() << "the kernel gives no pool of huge pages";
   }
-  const oxtest::TemporaryMount mounted("tmpfs", "size=128m");
+  const TemporaryMount mounted("tmpfs", "size=128m");
   if (GetParam().named && !mounted.valid()) {
     GTEST_SKIP() << "tmpfs can't be mounted here";
   }

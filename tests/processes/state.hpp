@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
+#include "guards.hpp"
 #include "interface/heap.hpp"
-#include "support/system_guards.hpp"
 
 namespace oxproc {
 
