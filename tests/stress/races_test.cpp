@@ -101,6 +101,7 @@ class Churn {
 
 class Races : public testing::Test {
  protected:
+  Delays delays{true};
   Problems problems;
 };
 

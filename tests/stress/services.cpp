@@ -132,7 +132,8 @@ void Monitor::step(Random& random) {
 void Resizer::step(Random& random, const Phase& phase) {
   const int account = phase.filling ? kCachedAccount : static_cast<int>(between(random, kCachedAccount, kLoner));
   const uint64_t count = between(random, 1, 12);
-  const bool shrink = !phase.filling && one_in(random, 2);
+  _plenty = one_in(random, 100) ? !_plenty : _plenty;
+  const bool shrink = !phase.filling && one_in(random, _plenty ? 4 : 2);
   const bool partial = one_in(random, 2);
   const int64_t result = ox_pmem_fund_account_pliv(kAny, partial ? kPartial | account : account,
                                                    shrink ? uint64_t{0} - pages(count) : pages(count));

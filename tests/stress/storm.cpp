@@ -263,11 +263,13 @@ void Storm::end_threads() {
 
 void Storm::round() {
   ++_rounds;
+  Delays::turn(_rounds % 2 == 0);
   _pause = false;
   _gate->arrive_and_wait();
   std::this_thread::sleep_for(kRoundLength);
   _pause = true;
   _gate->arrive_and_wait();
+  Delays::turn(false);
   inspect();
 }
 

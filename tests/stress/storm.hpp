@@ -95,10 +95,12 @@ class Monitor {
 class Resizer {
  public:
   explicit Resizer(Blocks& blocks) : _blocks(blocks) {}
+  // Memory is plentiful for a while and scarce for a while.
   void step(Random& random, const Phase& phase);
 
  private:
   Blocks& _blocks;
+  bool _plenty = true;
 };
 
 void pretouch(Random& random, Blocks& blocks);
@@ -139,6 +141,7 @@ class Storm {
 
   const bool _drifting;
   const uint64_t _seed = base_seed();
+  Delays _delays{false};  // on in every other round
   Problems _problems;
   Heap _heap;
   Blocks _blocks;

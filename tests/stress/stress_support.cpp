@@ -1,11 +1,63 @@
 #include "stress_support.hpp"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <latch>
 #include <thread>
 
+#include "faults.hpp"
+
 namespace oxstress {
+
+namespace {
+
+std::atomic<bool> delays_are_on{false};
+std::atomic<uint64_t> threads_delayed{0};
+
+void delay() {
+  thread_local Random random = random_of(base_seed(), ++threads_delayed);
+  const uint64_t choice = random() % 1024;
+  if (choice < 4) {
+    const timespec moment{0, static_cast<long>(random() % 200'000)};
+    oxtest::real::nanosleep(&moment, nullptr);
+  } else if (choice < 64) {
+    oxtest::real::sched_yield();
+  }
+}
+
+// The call, with delays before and after it. errno stays what the call made it.
+template <typename Call>
+auto delayed(Call call) {
+  if (!delays_are_on.load(std::memory_order_relaxed)) {
+    return call();
+  }
+  delay();
+  const auto result = call();
+  const int error = errno;
+  delay();
+  errno = error;
+  return result;
+}
+
+void install_delays() {
+  using oxtest::Faults;
+  namespace real = oxtest::real;
+  Faults::on_pthread_mutex_lock = [](pthread_mutex_t* mutex) {
+    return delayed([mutex] { return real::pthread_mutex_lock(mutex); });
+  };
+  Faults::on_pthread_mutex_unlock = [](pthread_mutex_t* mutex) {
+    return delayed([mutex] { return real::pthread_mutex_unlock(mutex); });
+  };
+  Faults::on_mmap64 = [](void* address, size_t length, int protection, int flags, int fd, off64_t offset) {
+    return delayed([=] { return real::mmap64(address, length, protection, flags, fd, offset); });
+  };
+  Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+    return delayed([=] { return real::fallocate64(fd, mode, offset, length); });
+  };
+}
+
+}  // namespace
 
 uint64_t base_seed() {
   static const uint64_t seed = [] {
@@ -46,6 +98,20 @@ std::string Problems::text() const {
     text += "and " + std::to_string(_count - kKept) + " more\n";
   }
   return text;
+}
+
+Delays::Delays(bool on) {
+  base_seed();
+  install_delays();
+  turn(on);
+}
+
+Delays::~Delays() {
+  oxtest::Faults::reset();
+}
+
+void Delays::turn(bool on) {
+  delays_are_on = on;
 }
 
 void run_together(const std::vector<std::function<void()>>& bodies) {

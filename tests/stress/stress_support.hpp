@@ -63,6 +63,19 @@ void run_together(const std::vector<std::function<void()>>& bodies);
 // `count` threads of the same kind, told their numbers.
 void run_together(unsigned count, const std::function<void(unsigned)>& body);
 
+// While one of these is on, threads are held up now and then where they take or leave a mutex, change a mapping or commit
+// memory: what is otherwise too short for another thread to come in between becomes long enough.
+class Delays {
+ public:
+  explicit Delays(bool on);
+  ~Delays();
+  Delays(const Delays&) = delete;
+  Delays& operator=(const Delays&) = delete;
+
+  // Not while threads are in the library.
+  static void turn(bool on);
+};
+
 // Tells loops of a race when to end: after a while, or when something went wrong, but not before each loop has run
 // once.
 class Race {
