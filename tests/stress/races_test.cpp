@@ -336,6 +336,40 @@ TEST_F(Races, UsageReadAndWatermarksReset_WhileBlocksMoveThroughCaches_StaysInBa
   EXPECT_GT(reads, 500U);
 }
 
+// A flush takes what it freed off the account's high mark. Between the freeing and that, others use the pages again and
+// cache them in turn; a reset in the middle must not leave marks of caches that the account's mark is too low for: the
+// high mark would be reported as a negative number, and the next flush would be fatal.
+TEST_F(Races, WatermarksResetInTheMiddleOfAFlush_CoverWhatIsCached) {
+  Heap heap(6, 6, true);
+  heap.add_zone(0, 6, 6, true);
+  heap.add_space({64, 0, 2, false, {}, {kShown}});
+  heap.add_space({64, 0, 2, false, {}, {kShown}});
+  Blocks blocks(heap, problems);
+  const Race race(problems, Milliseconds(3000));
+  run_together(5, [&](unsigned number) {
+    Random random = random_of(base_seed(), number);
+    do {
+      if (number == 0) {
+        ox_pmem_reset_account_watermarks_pliv(kCachedAccount);
+        if (usage_of(kCachedAccount).used_high_bytes > pages(6)) {
+          problems.add("used at most " + std::to_string(usage_of(kCachedAccount).used_high_bytes));
+        }
+        continue;
+      }
+      std::vector<View> held;
+      const uint64_t count = between(random, 1, 2);  // what is cached are blocks of the other size: they are flushed
+      while (const auto view =
+                 held.size() < 3 ? blocks.allocate(random, number % 2, count, kCachedAccount) : std::nullopt) {
+        held.push_back(*view);
+      }
+      for (const View& view : held) {
+        blocks.free(random, view);
+      }
+    } while (!race.is_over());
+  });
+  expect_all_back(heap, problems);
+}
+
 // ---- Accounts
 
 // All threads grow the heap until there is nothing left to commit, or shrink it until there is nothing left to give
