@@ -140,12 +140,15 @@ void Blocks::check(const View& view) {
 
 void Blocks::free(Random& random, const View& view) {
   check(view);
+  release(view, any_view(random, view));
+}
+
+void Blocks::release(const View& view, char* address) {
   Pages& block = *view.shared;
   if (block.views.fetch_sub(1) == 1) {
     _ledger.drop(block);  // before the library can hand the pages to somebody else
   }
-  const int64_t result =
-      ox_munmap_from_space_pliv(space_of(view).id, any_view(random, view), pages(block.count), block.account, 0);
+  const int64_t result = ox_munmap_from_space_pliv(space_of(view).id, address, pages(block.count), block.account, 0);
   if (result != 0) {
     _problems.add(failed("freeing", errno));
   }

@@ -221,23 +221,16 @@ class Partners {
       const std::optional<View> mine = share_block(random);
       _last = over;
       _step.arrive_and_wait();  // both hold a block
-      if (mine.has_value()) {
-        _blocks.free(random, *mine);
-      }
-      _step.arrive_and_wait();  // both have freed it
+      let_go(mine);
     }
   }
 
   void follow() {
-    Random random = random_of(base_seed(), 1000 + _number);
     bool over = false;
     while (!over) {
       _step.arrive_and_wait();
       over = _last;
-      if (_shared.has_value()) {
-        _blocks.free(random, *_shared);
-      }
-      _step.arrive_and_wait();
+      let_go(_shared);
     }
   }
 
@@ -252,10 +245,24 @@ class Partners {
     return mine;
   }
 
+  // Frees a block at the moment when the partner frees his. A barrier lets one thread go well before the other: they
+  // wait for each other once more, awake.
+  void let_go(const std::optional<View>& view) {
+    const unsigned arrived = ++_awake;
+    while (_awake.load() < (arrived + 1) / 2 * 2) {
+      std::this_thread::yield();
+    }
+    if (view.has_value()) {
+      _blocks.release(*view, view->address);
+    }
+    _step.arrive_and_wait();  // both have freed it
+  }
+
   Blocks& _blocks;
   const Race& _race;
   const unsigned _number;
   std::barrier<> _step{2};
+  std::atomic<unsigned> _awake{0};
   std::optional<View> _shared;
   bool _last = false;
 };
@@ -422,7 +429,7 @@ TEST_F(Races, PopulatedPagesGivenBackWhileTheyAreMappedAgainAndTouched_KeepTheir
   Heap heap(48, 96, true);
   heap.add_zone(0, 24, 48, true);
   heap.add_zone(48, 24, 48, false);
-  heap.add_space({128, 40, 0, true, {}, {kShown, kPopulated}});
+  heap.add_space({128, 80, 0, true, {}, {kShown, kPopulated}});
   heap.add_space({128, 1, 0, true, {1}, {kPopulated, kPopulated}});
   Blocks blocks(heap, problems);
   const Race race(problems);
@@ -444,6 +451,33 @@ TEST_F(Races, PopulatedPagesGivenBackWhileTheyAreMappedAgainAndTouched_KeepTheir
     } while (!race.is_over());
   });
   expect_all_back(heap, problems);
+}
+
+// The account by itself, without pages.
+TEST_F(Races, DebitsAndCreditsOfOneAccount_AddUp) {
+  const Heap heap(24, 64, true);
+  oxpliv::PMEM_Account& account = *PMEM::accounts(kCachedAccount);
+  const Race race(problems);
+  run_together(8, [&](unsigned number) {
+    Random random = random_of(base_seed(), number);
+    do {
+      const uint64_t count = between(random, 1, 6);
+      if (account.debit(count) == 0 && account.credit(count) != count) {
+        problems.add("a credit of what was debited was cut");
+      }
+      if (number < 2) {
+        account.expand_fund(1);
+        while (account.shrink_fund(1) != 0) {
+          std::this_thread::yield();  // others use all of it just now
+        }
+      }
+    } while (!race.is_over());
+  });
+  const account_usage_t usage = usage_of(kCachedAccount);
+  EXPECT_EQ(usage.used_bytes, 0U);
+  EXPECT_EQ(usage.balance_bytes, pages(24));
+  EXPECT_EQ(usage.fund_bytes, pages(24));
+  EXPECT_EQ(problems.text(), "");
 }
 
 TEST_F(Races, DebitsAndCreditsOfAccountsThatCreditEachOther_AddUp) {
@@ -492,7 +526,41 @@ TEST_F(Races, InitialPagesCommittedByManyThreads_CountOnce) {
   expect_all_back(heap, problems);
 }
 
-// ---- Address ranges
+// ---- Zones and address ranges
+
+// The zones by themselves: without mappings the threads meet far more often.
+TEST_F(Races, PagesOfOneZone_BelongToOneThreadAndComeTogetherAgain) {
+  constexpr uint64_t kZonePages = 64;
+  Heap heap(2 * kZonePages, 2 * kZonePages, true);
+  heap.add_zone(0, kZonePages, kZonePages, true);
+  heap.add_zone(kZonePages, kZonePages, kZonePages, false);
+  Ledger ledger(heap.max_pages(), problems);
+  std::atomic<uint64_t> ids{1};
+  const Race race(problems);
+  run_together(8, [&](unsigned number) {
+    Random random = random_of(base_seed(), number);
+    do {
+      const auto zone = static_cast<unsigned char>(random() % 2);
+      Pages run(ids++, zone == 0 ? between(random, 1, 12) : 1, kCachedAccount, false);
+      const long first = PMEM::allocate_pages(run.count, kCachedAccount, zone);
+      if (first == -1) {
+        continue;
+      }
+      for (uint64_t i = 0; i < run.count; ++i) {
+        run.physical.push_back(first + static_cast<long>(i));
+      }
+      ledger.take(run);
+      ledger.drop(run);
+      if (PMEM::free_pages(first, run.count, kCachedAccount) != 0) {
+        problems.add("a run was not freed");
+      }
+    } while (!race.is_over());
+  });
+  const long whole = PMEM::allocate_pages(kZonePages, kCachedAccount, 0);
+  EXPECT_EQ(whole, 0);
+  EXPECT_EQ(PMEM::free_pages(whole, kZonePages, kCachedAccount), 0);
+  expect_all_back(heap, problems);
+}
 
 TEST_F(Races, RangesOfOneSpace_BelongToOneThreadAndComeTogetherAgain) {
   constexpr uint64_t kSpacePages = 64;
