@@ -78,6 +78,12 @@ char* reserve_tracked(uint64_t page_count) {
   return window;
 }
 
+char* reserve(uint64_t page_count) {
+  char* const window = free_window(page_count);
+  must(ox_mreserve_pliv(window, pages(page_count), kNoTracking) == 0, "a range");
+  return window;
+}
+
 const Alias& Space::alias_of(const char* address) const {
   const auto found = std::find_if(aliases.begin(), aliases.end(), [&](const Alias& alias) {
     return alias.base <= address && address < alias.base + pages(page_count);
@@ -137,8 +143,7 @@ size_t Heap::add_space(const SpaceShape& shape) {
     must(ox_register_pzone_for_space_pliv(space.id, zone) == 0, "a zone of a space");
   }
   for (const auto& [protection, alias_flags] : shape.aliases) {
-    char* const base = free_window(shape.page_count);
-    must(ox_mreserve_pliv(base, pages(shape.page_count), kNoTracking) == 0, "the range of an alias");
+    char* const base = reserve(shape.page_count);
     must(ox_register_alias_for_space_pliv(space.id, base, protection, alias_flags) >= 0, "an alias");
     space.aliases.push_back({base, protection, alias_flags});
   }

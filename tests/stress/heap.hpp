@@ -30,7 +30,8 @@ void must(bool done, const char* what);
 
 // Address space that nothing uses, aligned to 2 MiB.
 char* free_window(uint64_t page_count);
-char* reserve_tracked(uint64_t page_count);
+char* reserve_tracked(uint64_t page_count);  // for fixed addresses
+char* reserve(uint64_t page_count);          // for an alias
 
 struct Alias {
   char* base;
@@ -68,6 +69,8 @@ class Heap {
   Heap(uint64_t initial_pages, uint64_t max_pages, bool prefund);
 
   long add_zone(uint64_t start, uint64_t initial, uint64_t maximum, bool supports_blocks);
+  // A zone that the test has created by itself.
+  void know_zone(long zone) { _zones.push_back(zone); }
   size_t add_space(const SpaceShape& shape);
   // An account that pays for pages of its own: created with one page, then grown to `fund_pages`.
   void add_account(int account, uint64_t fund_pages);

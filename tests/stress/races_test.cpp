@@ -238,7 +238,7 @@ class Partners {
   std::optional<View> share_block(Random& random) {
     const size_t spaces = _blocks.heap().spaces().size();
     const size_t home = random() % spaces;
-    const uint64_t count = one_in(random, 2) ? 1 : between(random, 2, 4);
+    const uint64_t count = one_in(random, 3) ? 1 : between(random, 2, 24);
     std::optional<View> mine = _blocks.allocate(random, home, count, kCachedAccount);
     _shared =
         mine.has_value() ? _blocks.show_in(random, *mine, (home + 1 + random() % (spaces - 1)) % spaces) : std::nullopt;
@@ -268,13 +268,13 @@ class Partners {
 };
 
 TEST_F(Races, BlockOfTwoSpaces_FreedByBothAtOnce_IsFreedOnce) {
-  Heap heap(96, 96, true);
-  heap.add_zone(0, 48, 48, true);
-  heap.add_zone(48, 48, 48, false);
-  heap.add_space({128, 16, 0, true, {}, {kShown, kShown}});
-  heap.add_space({128, 24, 0, true, {}, {kShown}});
-  heap.add_space({128, 0, 0, false, {1}, {kShown}});
-  heap.add_space({128, 0, 4, false, {}, {kShown}});
+  Heap heap(192, 192, true);
+  heap.add_zone(0, 128, 128, true);
+  heap.add_zone(128, 64, 64, false);
+  heap.add_space({256, 64, 0, true, {}, {kShown, kShown}});
+  heap.add_space({256, 96, 0, true, {}, {kShown}});
+  heap.add_space({256, 0, 0, false, {1}, {kShown}});
+  heap.add_space({256, 0, 24, false, {}, {kShown}});
   Blocks blocks(heap, problems);
   const Race race(problems);
   std::deque<Partners> partners;
@@ -603,6 +603,99 @@ TEST_F(Races, RangesOfOneSpace_BelongToOneThreadAndComeTogetherAgain) {
   const auto whole = blocks.allocate(random, 0, kSpacePages, kCachedAccount);
   ASSERT_TRUE(whole.has_value());
   blocks.free(random, *whole);
+  expect_all_back(heap, problems);
+}
+
+// ---- Zones and spaces that come while others are used
+
+TEST_F(Races, ZonesCreatedByManyThreadsWhilePagesAreUsed_AllExistAndOwnTheirPages) {
+  constexpr uint64_t kCreators = 6;
+  constexpr uint64_t kZonesOfEach = 12;
+  constexpr uint64_t kFirstZone = 24;
+  constexpr uint64_t kZonePages = 2;  // one of them at once
+  constexpr uint64_t kMost = kFirstZone + kCreators * kZonesOfEach * kZonePages;
+  Heap heap(kFirstZone + kCreators * kZonesOfEach, kMost, true);
+  const long first = heap.add_zone(0, kFirstZone, kFirstZone, true);
+  heap.add_space({128, 4, 0, true, {first}, {kShown, kShown}});
+  Blocks blocks(heap, problems);
+  Race race(problems, std::chrono::minutes(1));
+  Churn churn(blocks, race, 4);
+  std::array<std::atomic<int64_t>, kCreators * kZonesOfEach> ids{};
+  std::atomic<uint64_t> finished{0};
+  run_together(kCreators + 3, [&](unsigned number) {
+    if (number >= kCreators) {
+      churn.run(number);
+      return;
+    }
+    for (uint64_t i = number; i < ids.size(); i += kCreators) {
+      ids[i] = ox_create_pzone_pliv(pages(kFirstZone + i * kZonePages), kPage, pages(kZonePages), i % 2 == 0 ? 1 : 0);
+      resize(kCachedAccount, i % 3 == 0 ? -1 : 1);
+    }
+    if (++finished == kCreators) {
+      race.end();
+    }
+  });
+  std::vector<bool> seen(255);
+  for (const auto& id : ids) {
+    ASSERT_GT(id, 0);
+    ASSERT_LT(id, 255);
+    EXPECT_FALSE(seen[static_cast<size_t>(id)]) << "zone " << id << " was created twice";
+    seen[static_cast<size_t>(id)] = true;
+  }
+  for (uint64_t i = 0; i < ids.size(); ++i) {
+    const auto page = static_cast<long>(kFirstZone + i * kZonePages);
+    EXPECT_EQ(PMEM::zone_id_for_page(page), ids[i]);
+    EXPECT_EQ(PMEM::zone_id_for_page(page + 1), ids[i]);
+    heap.know_zone(ids[i]);
+  }
+  expect_all_back(heap, problems);
+}
+
+TEST_F(Races, SpacesRegisteredWhileOthersAreUsed_CanBeUsedAtOnce) {
+  constexpr size_t kMoreSpaces = 24;
+  Heap heap(64, 64, true);
+  heap.add_zone(0, 64, 64, true);
+  heap.add_space({128, 4, 4, true, {}, {kShown, kShown}});
+  Blocks blocks(heap, problems);
+  std::array<char*, kMoreSpaces> bases;  // reserved now: other threads map memory too
+  std::generate(bases.begin(), bases.end(), [] { return reserve(64); });
+  Race race(problems, std::chrono::minutes(1));
+  Churn churn(blocks, race, 4);
+  std::vector<std::function<void()>> bodies;
+  for (unsigned number = 0; number < 3; ++number) {
+    bodies.push_back([&churn, number] { churn.run(number); });
+  }
+  bodies.push_back([&] {
+    do {
+      usage_of(kCachedAccount);
+      ox_report_stats_pliv();
+      ox_pmem_reset_account_watermarks_pliv(kCachedAccount);
+      ox_pretouch_committed_pages_pliv(4, nullptr);
+    } while (!race.is_over());
+  });
+  bodies.push_back([&] {
+    for (size_t i = 0; i < kMoreSpaces; ++i) {
+      const int64_t space = ox_register_space_pliv(pages(64), pages(2), pages(4), kMapAll | kCached);
+      must(space > 0, "a space");
+      must(ox_register_alias_for_space_pliv(space, bases[i], PROT_READ | PROT_WRITE, kMultiPage) == 0, "an alias");
+      const int64_t block = ox_mmap_within_space_pliv(space, 0, pages(2), kCachedAccount, 0);
+      if (block == -1) {
+        continue;  // the others have it all
+      }
+      char* const address = reinterpret_cast<char*>(static_cast<intptr_t>(block));
+      stamp(address, 2, i, true);
+      std::this_thread::yield();
+      if (!spoiled(address, 2, i, true).empty()) {
+        problems.add(spoiled(address, 2, i, true));
+      }
+      // Past the cache, whose contents nobody would flush.
+      if (ox_munmap_from_space_pliv(space, address, pages(2), 3, 0) != 0) {
+        problems.add("freeing in a new space failed");
+      }
+    }
+    race.end();
+  });
+  run_together(bodies);
   expect_all_back(heap, problems);
 }
 

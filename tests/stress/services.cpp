@@ -1,6 +1,7 @@
 // The threads of a storm that allocate nothing: one that watches, one that grows and shrinks the heap, and those that
 // touch and commit pages ahead.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -110,11 +111,23 @@ void Monitor::watch_totals() {
   expect(internal > 0 && static_cast<uint64_t>(internal) < kTooMuch, "internal usage");
 }
 
+// Also where blocks come and go just now.
+void Monitor::watch_any_address(Random& random) {
+  const Space& space = _blocks.heap().spaces()[random() % _blocks.heap().spaces().size()];
+  const Alias& alias = space.aliases[random() % space.aliases.size()];
+  const char* const address = alias.base + random() % pages(space.page_count);
+  const int64_t page = physical_page(space.id, address);
+  expect(page >= -1 && page < static_cast<int64_t>(_blocks.heap().max_pages()), "the page behind an address");
+  const int64_t zone = ox_get_pzone_for_addr_within_space_pliv(space.id, reinterpret_cast<uintptr_t>(address));
+  expect(zone >= -1 && zone < static_cast<int64_t>(_blocks.heap().zones().size()), "the zone behind an address");
+}
+
 void Monitor::step(Random& random) {
   watch_accounts();
   watch_zones();
   watch_spaces();
   watch_totals();
+  watch_any_address(random);
   const auto page = static_cast<int64_t>(random() % _blocks.heap().max_pages());
   const int64_t funded = ox_pmem_is_funded_pliv(page * static_cast<int64_t>(kPage));
   expect(funded == 0 || funded == 1, "a page is committed or not");
@@ -165,6 +178,22 @@ void populate(Random& random, Blocks& blocks) {
     }
   }
   rest(random, 8000);
+}
+
+// Lays the mappings of premapped pages over themselves, while their blocks are used. Not populated: the system would
+// commit pages whose memory was given back.
+void map_premapped_again(Random& random, Blocks& blocks) {
+  for (const Space& space : blocks.heap().spaces()) {
+    if (space.premapped == 0) {
+      continue;
+    }
+    const Alias& alias = space.aliases[random() % space.aliases.size()];
+    const uint64_t count = between(random, 1, std::min<uint64_t>(space.premapped, 3));
+    char* const address = alias.base + pages(random() % (space.premapped - count + 1));
+    if (ox_multimap_within_space_pliv(space.id, address, pages(count), alias.protection, 0) != 0) {
+      blocks.problems().add(std::string("mapping premapped pages: ") + std::strerror(errno));
+    }
+  }
 }
 
 void refill(Random& random, Blocks& blocks) {

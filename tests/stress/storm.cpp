@@ -104,7 +104,13 @@ void Worker::open_mail() {
 
 void Worker::look(Random& random) {
   const View& view = _held[random() % _held.size()];
-  _blocks.check(view);
+  const Alias& alias = _blocks.heap().spaces()[view.space].alias_of(view.address);
+  for (const int protection : {PROT_READ, alias.protection}) {
+    if (ox_mprotect_pliv(view.address, pages(view.shared->count), protection, 0) != 0) {
+      _blocks.problems().add(std::string("changing the protection: ") + std::strerror(errno));
+    }
+    _blocks.check(view);
+  }
   const long space = _blocks.heap().spaces()[view.space].id;
   const int64_t zone = ox_get_pzone_for_addr_within_space_pliv(space, reinterpret_cast<uintptr_t>(view.address));
   if (zone < 0 || static_cast<size_t>(zone) >= _blocks.heap().zones().size()) {
@@ -244,6 +250,9 @@ void Storm::start_threads() {
   add_thread([this](Random& random) {
     if (!_phase.refreshing) {
       populate(random, _blocks);
+    }
+    if (_drifting) {
+      map_premapped_again(random, _blocks);
     }
     std::this_thread::sleep_for(Milliseconds(1));
   });

@@ -85,6 +85,7 @@ class Monitor {
   void watch_zones();
   void watch_spaces();
   void watch_totals();
+  void watch_any_address(Random& random);
   void expect(bool holds, const std::string& what);
 
   Blocks& _blocks;
@@ -105,6 +106,7 @@ class Resizer {
 
 void pretouch(Random& random, Blocks& blocks);
 void populate(Random& random, Blocks& blocks);
+void map_premapped_again(Random& random, Blocks& blocks);
 void refill(Random& random, Blocks& blocks);
 void refresh(Blocks& blocks);
 
