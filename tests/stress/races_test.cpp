@@ -101,7 +101,9 @@ class Churn {
 
 class Races : public testing::Test {
  protected:
-  Delays delays{true};
+  Races() { Trouble::delays(true); }
+
+  Trouble trouble;
   Problems problems;
 };
 

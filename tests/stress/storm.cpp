@@ -272,13 +272,16 @@ void Storm::end_threads() {
 
 void Storm::round() {
   ++_rounds;
-  Delays::turn(_rounds % 2 == 0);
+  Trouble::delays(_rounds % 2 == 0);
+  // The fund of an account is cut when its initial pages can't be had, and a refresh that fails loses a page.
+  Trouble::refusals(_rounds % 3 == 0 && !_phase.filling && !_phase.refreshing);
   _pause = false;
   _gate->arrive_and_wait();
   std::this_thread::sleep_for(kRoundLength);
   _pause = true;
   _gate->arrive_and_wait();
-  Delays::turn(false);
+  Trouble::delays(false);
+  Trouble::refusals(false);
   inspect();
 }
 

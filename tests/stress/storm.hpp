@@ -143,7 +143,7 @@ class Storm {
 
   const bool _drifting;
   const uint64_t _seed = base_seed();
-  Delays _delays{false};  // on in every other round
+  Trouble _trouble;
   Problems _problems;
   Heap _heap;
   Blocks _blocks;

@@ -1,5 +1,7 @@
 #include "stress_support.hpp"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -13,10 +15,17 @@ namespace oxstress {
 namespace {
 
 std::atomic<bool> delays_are_on{false};
-std::atomic<uint64_t> threads_delayed{0};
+std::atomic<bool> refusals_are_on{false};
+
+// A stream for each thread, in the order in which threads first come here.
+Random& random_of_thread() {
+  static std::atomic<uint64_t> threads{0};
+  thread_local Random random = random_of(base_seed(), ++threads);
+  return random;
+}
 
 void delay() {
-  thread_local Random random = random_of(base_seed(), ++threads_delayed);
+  Random& random = random_of_thread();
   const uint64_t choice = random() % 1024;
   if (choice < 4) {
     const timespec moment{0, static_cast<long>(random() % 200'000)};
@@ -40,7 +49,15 @@ auto delayed(Call call) {
   return result;
 }
 
-void install_delays() {
+// The error with which the system refuses, or 0.
+int refusal(int fallocate_mode) {
+  if (!refusals_are_on.load(std::memory_order_relaxed) || !one_in(random_of_thread(), 8)) {
+    return 0;
+  }
+  return (fallocate_mode & FALLOC_FL_PUNCH_HOLE) != 0 ? EINTR : ENOSPC;
+}
+
+void install_trouble() {
   using oxtest::Faults;
   namespace real = oxtest::real;
   Faults::on_pthread_mutex_lock = [](pthread_mutex_t* mutex) {
@@ -53,6 +70,11 @@ void install_delays() {
     return delayed([=] { return real::mmap64(address, length, protection, flags, fd, offset); });
   };
   Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+    const int error = refusal(mode);
+    if (error != 0) {
+      errno = error;
+      return -1;
+    }
     return delayed([=] { return real::fallocate64(fd, mode, offset, length); });
   };
 }
@@ -100,18 +122,23 @@ std::string Problems::text() const {
   return text;
 }
 
-Delays::Delays(bool on) {
+Trouble::Trouble() {
   base_seed();
-  install_delays();
-  turn(on);
+  install_trouble();
 }
 
-Delays::~Delays() {
+Trouble::~Trouble() {
+  delays(false);
+  refusals(false);
   oxtest::Faults::reset();
 }
 
-void Delays::turn(bool on) {
+void Trouble::delays(bool on) {
   delays_are_on = on;
+}
+
+void Trouble::refusals(bool on) {
+  refusals_are_on = on;
 }
 
 void run_together(const std::vector<std::function<void()>>& bodies) {

@@ -63,17 +63,19 @@ void run_together(const std::vector<std::function<void()>>& bodies);
 // `count` threads of the same kind, told their numbers.
 void run_together(unsigned count, const std::function<void(unsigned)>& body);
 
-// While one of these is on, threads are held up now and then where they take or leave a mutex, change a mapping or commit
-// memory: what is otherwise too short for another thread to come in between becomes long enough.
-class Delays {
+// While one of these lives, the system can be made troublesome, though not while threads are in the library.
+class Trouble {
  public:
-  explicit Delays(bool on);
-  ~Delays();
-  Delays(const Delays&) = delete;
-  Delays& operator=(const Delays&) = delete;
+  Trouble();
+  ~Trouble();
+  Trouble(const Trouble&) = delete;
+  Trouble& operator=(const Trouble&) = delete;
 
-  // Not while threads are in the library.
-  static void turn(bool on);
+  // Holds threads up now and then where they take or leave a mutex, change a mapping or commit memory: what is otherwise
+  // too short for another thread to come in between becomes long enough.
+  static void delays(bool on);
+  // Has no memory to commit now and then, and is interrupted when it takes memory back.
+  static void refusals(bool on);
 };
 
 // Tells loops of a race when to end: after a while, or when something went wrong, but not before each loop has run
