@@ -1,3 +1,5 @@
+// Calls on blocks, each checked against what the test knows.
+
 #include "blocks.hpp"
 
 #include <cerrno>

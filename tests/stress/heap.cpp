@@ -1,3 +1,5 @@
+// Setting up a heap, reading statistics, and marks in memory.
+
 #include "heap.hpp"
 
 #include <sys/mman.h>

@@ -1,3 +1,5 @@
+// The heap of a storm, its rounds, and what is compared between them.
+
 #include "storm.hpp"
 
 #include <sys/mman.h>
@@ -14,7 +16,7 @@ namespace {
 constexpr int kReadWrite = PROT_READ | PROT_WRITE;
 constexpr uint64_t kMaxPages = 256;      // the last 16 of them in no zone
 constexpr uint64_t kInitialPages = 112;  // of all zones; 32 of them are committed when the zones are created
-constexpr uint64_t kCreditThirdThenFourth = 0xFFFFFFFFFFFF0304;  // the same for both: each takes what the other lacks
+constexpr uint64_t kCreditFourthThenThird = 0xFFFFFFFFFFFF0304;  // the same order for both: each makes up for the other
 constexpr Milliseconds kRoundLength(200);
 constexpr uint64_t kRounds = 40;
 constexpr uint64_t kRefreshRounds = 5;
@@ -160,7 +162,7 @@ void Storm::finish_filling() {
     _heap.add_account(account, 16);
   }
   for (const int account : {kFirstCreditor, kSecondCreditor}) {
-    must(ox_pmem_set_accounts_to_credit_pliv(kAny, account, kCreditThirdThenFourth) == 0, "a list of accounts");
+    must(ox_pmem_set_accounts_to_credit_pliv(kAny, account, kCreditFourthThenThird) == 0, "a list of accounts");
   }
   _phase.filling = false;
 }

@@ -1,3 +1,5 @@
+// Seeds, threads and the trouble that is made for them.
+
 #include "stress_support.hpp"
 
 #include <fcntl.h>
