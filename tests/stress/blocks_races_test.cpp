@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <barrier>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <thread>
 
+#include "faults.hpp"
 #include "races.hpp"
 
 namespace oxstress {
@@ -194,6 +197,81 @@ TEST_F(FlushRaces, WatermarksResetInTheMiddleOfAFlush_CoverWhatIsCached) {
     });
   }
   expect_all_back(heap, problems);
+}
+
+// The same, step by step: a thread that resets is held up before it comes to the caches, once it holds none of them; a
+// flush runs there, and is held up before it lowers the account's mark; and there others use the pages again.
+class ResetStepByStep : public testing::Test {
+ protected:
+  void SetUp() override {
+    heap.add_zone(0, kAll, kAll, true);
+    for (int i = 0; i < 2; ++i) {
+      heap.add_space({64, 0, 2, false, {}, {kShown}});
+    }
+    fill_cache(0);
+    ox_pmem_reset_account_watermarks_pliv(kCachedAccount);
+  }
+  void TearDown() override { oxtest::Faults::reset(); }
+
+  void take_all(size_t space) {
+    for (int64_t& block : blocks) {
+      block = ox_mmap_within_space_pliv(heap.spaces()[space].id, 0, kPage, kCachedAccount, 0);
+      ASSERT_NE(block, -1);
+    }
+  }
+
+  void free_all(size_t space) {
+    for (const int64_t block : blocks) {
+      void* const address = reinterpret_cast<void*>(static_cast<intptr_t>(block));
+      ASSERT_EQ(ox_munmap_from_space_pliv(heap.spaces()[space].id, address, kPage, kCachedAccount, 0), 0);
+    }
+  }
+
+  void fill_cache(size_t space) {
+    take_all(space);
+    free_all(space);
+  }
+
+  // Asks for a block of two pages, which only a flush could make room for.
+  void flush(size_t space) {
+    const int64_t block = ox_mmap_within_space_pliv(heap.spaces()[space].id, 0, pages(2), kCachedAccount, 0);
+    if (block != -1) {
+      ox_munmap_from_space_pliv(heap.spaces()[space].id, reinterpret_cast<void*>(static_cast<intptr_t>(block)),
+                                pages(2), 3, 0);
+    }
+  }
+
+  // Runs `action` before the `count`th mutex from now is taken, of those that are taken while `counts` holds.
+  static void before_mutex(int count, const std::function<bool()>& counts, const std::function<void()>& action) {
+    auto left = std::make_shared<int>(count);
+    oxtest::Faults::on_pthread_mutex_lock = [=](pthread_mutex_t* mutex) {
+      if (*left > 0 && counts() && --*left == 0) {
+        action();
+      }
+      return oxtest::real::pthread_mutex_lock(mutex);
+    };
+  }
+
+  static constexpr uint64_t kAll = 4;
+  Heap heap{kAll, kAll, true};
+  int64_t blocks[kAll] = {};
+};
+
+TEST_F(ResetStepByStep, FlushBetweenTheAccountAndItsCaches_LeavesNoMarkTooLow) {
+  const auto always = [] { return true; };
+  const auto all_freed = [] { return oxpliv::PMEM_PageManager::free_page_count() == kAll; };
+  // Two caches and the account come first; the fourth mutex is a cache's again if the caches were let go of.
+  before_mutex(4, always, [&] {
+    // The last page is free: its account's list, the credit, the range of addresses; then the mark.
+    before_mutex(4, all_freed, [&] { take_all(1); });
+    flush(0);
+    free_all(1);
+  });
+  ox_pmem_reset_account_watermarks_pliv(kCachedAccount);
+  oxtest::Faults::reset();
+  EXPECT_LE(usage_of(kCachedAccount).used_high_bytes, pages(kAll));
+  flush(1);
+  EXPECT_EQ(oxtest::broken_invariants(), "");
 }
 
 // ---- Mappings, address ranges and spaces
