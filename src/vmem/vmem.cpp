@@ -256,16 +256,20 @@ long VMEM::get_account_usage(int account, account_usage_t* usage) {
 }
 
 long VMEM::reset_account_watermarks(int account) {
-  {
-    // In the middle of a flush the account has pages back that its high watermark still has to be lowered by.
-    HeldCaches held_caches;
-    hold_caches(account, held_caches);
-    const long result = PMEM::reset_account_watermarks(account);
-    if (result != 0) {
-      return result;
-    }
+  // In the middle of a flush the account has pages back that its high watermark still has to be lowered by. And if a
+  // flush came in between, it would lower that mark below what others have used and cached again since: the caches' low
+  // watermarks would then start above the account's high one.
+  HeldCaches held_caches;
+  hold_caches(account, held_caches);
+  const long result = PMEM::reset_account_watermarks(account);
+  if (result != 0) {
+    return result;
   }
-  for_each_space([account](long, VMEM_SpaceManager& space) { space.reset_cache_watermarks(account); });
+  for_each_space([&](long id, VMEM_SpaceManager& space) {
+    if (held_caches[id].has_value()) {
+      space.reset_cache_watermarks_locked();
+    }
+  });
   return 0;
 }
 

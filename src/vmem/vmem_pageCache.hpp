@@ -29,6 +29,8 @@ class VMEM_PageCache {
   virtual ~VMEM_PageCache() = default;
   // The mutex that keeps blocks from entering and leaving the cache.
   virtual pthread_mutex_t* mutex() = 0;
+  // With that mutex held by the caller.
+  virtual void reset_watermarks_locked() = 0;
   // Tests and fuzzers ask this after each step: null, or what is broken.
   virtual const char* Check() = 0;
 };

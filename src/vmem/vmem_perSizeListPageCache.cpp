@@ -143,10 +143,14 @@ long VMEM_PerSizeListPageCache::reset_watermarks(int account) {
     return fail_with(EFAULT);
   }
   const MutexLocker locker(&_mutex);
+  reset_watermarks_locked();
+  return 0;
+}
+
+void VMEM_PerSizeListPageCache::reset_watermarks_locked() {
   const unsigned long cached = _cached_pages;
   _cached_pages_min = cached;
   _cached_pages_max = cached;
-  return 0;
 }
 
 void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {

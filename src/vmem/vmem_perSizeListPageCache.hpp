@@ -33,6 +33,7 @@ class VMEM_PerSizeListPageCache : public VMEM_PageCache {
   void get_stats(ox_pliv_space_stats_t* stats) override;
   void report_stats() override;
   pthread_mutex_t* mutex() override { return &_mutex; }
+  void reset_watermarks_locked() override;
   const char* Check() override;
 
  private:

@@ -66,7 +66,9 @@ class VMEM_SpaceManager {
   unsigned long cached_size(int account) const;
   long fetch_cache_watermarks(int account, unsigned long& min, unsigned long& max) const;
   long reset_cache_watermarks(int account);
+  // For a space that has a cache. The watermarks are reset with the mutex held by the caller.
   pthread_mutex_t* cache_mutex() const { return _cache->mutex(); }
+  void reset_cache_watermarks_locked() { _cache->reset_watermarks_locked(); }
 
   void get_stats(ox_pliv_space_stats_t* stats) const;
   void report_stats() const;
