@@ -149,7 +149,8 @@ int64_t ox_register_space_pliv(uint64_t size, uint64_t premapped_size, uint64_t 
  * Unmaps all aliases of a space and forgets the space; its id is not used again. Blocks that it holds are not freed.
  * Returns 0, or -1: EINVAL for an unknown space.
  * Fatal: "unregistering a space failed" when an alias can't be unmapped.
- * Threads: not while another thread uses the space.
+ * Threads: not while another thread uses the space, reports or resets accounts or statistics, or pretouches: these look
+ * at every space.
  */
 int64_t ox_unregister_space_pliv(long space);
 
@@ -185,6 +186,8 @@ int64_t ox_register_pzone_for_space_pliv(long space, long pzone);
  * page, no room in the space); or the errno of a failed mapping.
  * A single page that can't be had for lack of memory, in a space without pzones of its own, also cuts the account's fund
  * down to what is committed for it.
+ * A block that can't be mapped at another alias is freed, with account 2 and a cache into the cache: it is handed out again
+ * as it is. After such a failure give the cache no second chance: stop, or allocate blocks of that size from other accounts.
  * Fatal: "Requested size of the block greater than max bucket size" for a block larger than the cache was sized for, once
  * the cache holds pages; "unexpected inconsistency in balance" as for ox_mmap_pliv; "NULL base address for alias during
  * allocation".
@@ -212,7 +215,8 @@ int64_t ox_munmap_from_space_pliv(long space, void* address, size_t length, int 
  *   address     inside an alias, non-null
  *   length      bytes, non-zero, a multiple of 2 MiB, within the alias
  *   protection  PROT_* bits
- *   populate    0 or 1: ask the system to pre-fault the mapping
+ *   populate    0 or 1: ask the system to pre-fault the mapping; only over committed pages, since the system gives
+ *               memory to the others, of which the library then knows nothing
  * Returns 0, or -1: EINVAL (arguments, unknown space, pages beyond the backing file); EFAULT when the range does not lie in
  * an alias; else the errno of the mapping.
  * Fatal: "Out of bounds PMEM Page Num" for pages inside the file but beyond the maximum commit.
@@ -375,8 +379,10 @@ int64_t ox_create_pzone_pliv(uint64_t start_offset, uint64_t size, uint64_t maxi
 int64_t ox_pmem_is_funded_pliv(int64_t offset);
 
 /*
- * Replaces the memory of every free page by fresh, zeroed memory. A refreshed page is never given back afterwards.
- * Returns the bytes refreshed.
+ * Replaces the memory of every free page by fresh, zeroed memory, and keeps the page's record locked for good: it is never
+ * given back afterwards. What waits for the record waits for ever: populating or pretouching a refreshed page that is
+ * premapped, and allocating a page whose memory could not be committed again.
+ * Returns the bytes refreshed; what could not be committed again ends the work on its zone and those behind.
  */
 int64_t ox_refresh_free_memory_pliv(void);
 
