@@ -36,7 +36,7 @@ enum Change : unsigned {
   kFund = 2,         // the account's fund follows the committed pages
   kMaps = 4,         // mappings made before the one that failed
   kCached = 8,       // blocks went to the cache, or were flushed out of it
-  kZones = 16,       // pages moved between the lists of their zones
+  kZones = 16,       // pages moved between the lists of their zones, which take memory for it
   kInternal = 32,    // objects that a half-made space keeps
   kDescriptor = 64,  // the file of a start-up that failed later on
   kOutside = 128,    // the single page's place outside the premapped region is counted before it is mapped
@@ -68,6 +68,7 @@ struct Expect {
   Expect instead(std::function<std::string()> action) const { return with(&Expect::try_instead, std::move(action)); }
   Expect losing_pages() const { return with(&Expect::checked, false).with(&Expect::then, Then::GoOn); }
   Expect the_end() const { return with(&Expect::then, Then::Stop); }
+  Expect unchecked() const { return with(&Expect::checked, false); }
 
  private:
   template <typename Member, typename Value>
@@ -106,6 +107,7 @@ struct Step {
   int later = kForever;                // how many calls fail where the library tries again until one succeeds
   std::vector<std::string> files{};    // what the call reads under /proc and /sys
   std::function<void()> afterwards{};  // at once after the call
+  bool ends_the_library = false;       // nothing of the library can be used any more
 };
 
 struct Scenario {

@@ -257,7 +257,7 @@ std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place) {
     return again == -1 ? "" : "a block that was lost can't be freed again";
   };
   const Expect lost = refuses(ENOMEM).losing_pages().instead(not_again);
-  return {{"new", lost, {}, Extent::Any, 0, 0}, {"new", lost.changing(kZones | kFund | kMaps), {}, Extent::Any, 1, 1}};
+  return {{"new", lost, {}, Extent::Any, 0, 0}, {"new", lost.changing(kZones | kFund), {}, Extent::Any, 1}};
 }
 
 std::vector<Row> operator+(std::vector<Row> one, const std::vector<Row>& other) {

@@ -145,6 +145,10 @@ void Faults::replace_file(const std::string& path, std::optional<std::string> co
   replaced_files()[path] = std::move(content);
 }
 
+void Faults::forget_file(const std::string& path) {
+  replaced_files().erase(path);
+}
+
 void Faults::reset() {
   for (CallState& state : states) {
     state.count = 0;

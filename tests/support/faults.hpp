@@ -96,6 +96,7 @@ class Faults {
   // Files read through the standard library's streams: gives `content` to whoever opens `path`; no content = can't be
   // opened.
   static void replace_file(const std::string& path, std::optional<std::string> content);
+  static void forget_file(const std::string& path);  // the real one is read again
 
   static void reset();
 
