@@ -184,6 +184,44 @@ TEST(GrowthFaults, GrowingShrinkingAndTakingAgain) {
         shrink("five pages back", 5), with(grow("four of them again", 4), taking_again), pretouch}});
 }
 
+// What is given back or taken again half-way finds its list without the memory to go back to it.
+TEST(GrowthFaults, UndoneRecommit) {
+  const auto prepare = [] {
+    prepare_growth();
+    require(ox_pmem_fund_account_pliv(0, 2, pages(6)) == 0, "growing");
+    require(ox_pmem_fund_account_pliv(0, 2, -pages(5)) == 0, "giving back");
+    Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+      if (mode == 0) {
+        errno = ENOSPC;
+        return -1;
+      }
+      return real::fallocate64(fd, mode, offset, length);
+    };
+  };
+  Step step = grow("four pages again", 4);
+  step.verify = refused_with(ENOMEM);
+  step.rows = {{"fallocate commit", refuses(ENOMEM), kShortOfMemory},
+               {"fallocate commit", refuses()},
+               {"new", dies(kAllocatorUnit, kLostPage), {}, Extent::Any, 0, 0},  // of the rest of a range
+               {"new", dies(kAllocatorUnit, "ENOMEM when freeing a block not handled yet")}};
+  run({"undone recommit", prepare, {step}});
+}
+
+TEST(GrowthFaults, InterruptedShrinking) {
+  const auto prepare = [] {
+    prepare_growth();
+    require(ox_pmem_fund_account_pliv(0, 2, pages(6)) == 0, "growing");
+    Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+      if (mode != 0) {
+        errno = EINTR;
+        return -1;
+      }
+      return real::fallocate64(fd, mode, offset, length);
+    };
+  };
+  run({"interrupted shrinking", prepare, {shrink("five pages back", 5)}});
+}
+
 // ---- Filling ahead
 
 constexpr int kToFill = 8;

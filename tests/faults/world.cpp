@@ -110,6 +110,14 @@ Step initialize(const Heap& heap) {
     return ox_initialize_pliv(&config);
   };
   step.files = {"/proc/meminfo", kEnabledFile};
+  step.verify = [heap](int64_t result, int) -> std::string {
+    if (result != 0) {
+      return "must succeed";
+    }
+    // The rows speak of this mode; with a pool that somebody else has taken from it would be another one.
+    const bool as_wanted = ox_pmem_using_explicit_huge_pages_pliv() == (heap.explicit_huge_pages ? 1 : 0);
+    return as_wanted ? "" : "the pool of huge pages has changed meanwhile";
+  };
   step.rows = {
       {"mmap fixed table", refuses().says("Failed to map VMEM fixed address pageinfo, errno ")},
       {"uname", refuses().says("Failed to fetch uname from system, errno ")},
