@@ -363,14 +363,22 @@ void run_plain(const Step& step, bool count) {
   verify(step, answer);
 }
 
-void check_invariants(const Scenario& scenario, Allowing more, const std::string& when) {
-  const Allowing& base = scenario.allowed;
-  more.drifted_references |= base.drifted_references;
-  more.locked_pages |= base.locked_pages;
-  more.overlapping_ranges |= base.overlapping_ranges;
-  more.commits_outside_zones |= base.commits_outside_zones;
-  more.partly_mapped_blocks |= base.partly_mapped_blocks;
-  const std::string broken = broken_invariants(more);
+Allowing operator|(Allowing one, const Allowing& other) {
+  one.drifted_references |= other.drifted_references;
+  one.partly_mapped_blocks |= other.partly_mapped_blocks;
+  one.locked_pages |= other.locked_pages;
+  one.overlapping_ranges |= other.overlapping_ranges;
+  one.commits_outside_zones |= other.commits_outside_zones;
+  one.abandoned_spaces |= other.abandoned_spaces;
+  return one;
+}
+
+void check_invariants(const Scenario& scenario, int last_step, Allowing allowed, const std::string& when) {
+  allowed = allowed | scenario.allowed;
+  for (int i = 0; i <= last_step; ++i) {
+    allowed = allowed | scenario.steps[static_cast<size_t>(i)].allowed;
+  }
+  const std::string broken = broken_invariants(allowed);
   if (!broken.empty()) {
     fail_run("broken " + when + ":\n" + broken);
   }
@@ -399,7 +407,7 @@ void begin_child() {
     }
     run_plain(step, true);
     if (!step.ends_the_library) {
-      check_invariants(scenario, {}, "after " + step.name + " without a fault");
+      check_invariants(scenario, current_step, {}, "after " + step.name + " without a fault");
     }
   }
   const std::string wrong = scenario.finish ? scenario.finish() : "";
@@ -570,7 +578,7 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
   }
   check_log(expect);
   if (expect.checked) {
-    check_invariants(scenario, expect.allowed, "at once after the fault");
+    check_invariants(scenario, fault.point.step, expect.allowed, "at once after the fault");
   }
   if (refused && (expect.changes & kFund) != 0 && expect.then == Expect::Then::Again) {
     restore_fund(before);
@@ -610,7 +618,7 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
     fail_run(wrong);
   }
   if (expect.checked) {
-    check_invariants(scenario, expect.allowed, "at the end");
+    check_invariants(scenario, static_cast<int>(scenario.steps.size()) - 1, expect.allowed, "at the end");
   }
   end_run();
 }
