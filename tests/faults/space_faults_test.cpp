@@ -16,13 +16,14 @@ char* blocks[6];
 
 // ---- Blocks at every alias
 
-// Two premapped pages, both taken; three aliases, the last of which maps single pages only.
+// Two premapped pages, both taken; three aliases, the last of which maps single pages only and
+// populates them.
 void prepare_aliases(int flags) {
   start({.initial_pages = 8, .maximum_pages = 20, .fund_pages = 12});
   add_zone(0, 12, 16, true);
   const long space = add_space(24, 2, 4, kMapAll | flags);
   for (char*& base : aliases) {
-    base = add_alias(space, 24, &base == &aliases[2] ? 0 : kMultiPage);
+    base = add_alias(space, 24, &base == &aliases[2] ? kPopulate : kMultiPage);
   }
   allocate(space, 1);
   allocate(space, 1);
@@ -47,6 +48,30 @@ TEST(AliasFaults, BlocksAtEveryAlias) {
         with(allocate_step("three pages", 0, 3, &blocks[1]), at_every_alias(kNothing)),
         free_step("three pages back", 0, 3, &blocks[1]),
         with(allocate_step("three pages over the old ones", 0, 3, &blocks[1]), at_every_alias(kNothing))}});
+}
+
+// A block of three single pages: each is mapped by itself, first at the block's own alias, then at the others.
+TEST(AliasFaults, BlockOfSinglePagesAtEveryAlias) {
+  const auto prepare = [](int flags) {
+    prepare_aliases(flags);
+    for (char*& page : blocks) {
+      page = allocate(0, 1);
+    }
+    for (const int i : {0, 2, 4}) {
+      require(ox_munmap_from_space_pliv(0, blocks[i], kPage, 3, 0) == 0, "freeing a page past the cache");
+    }
+    allocate(0, 4);  // what is left behind the gaps
+  };
+  const Step three = allocate_step("three pages", 0, 3, &blocks[0]);
+  const std::vector<Row> own_alias = {mapping_refused(kNothing, 0, 0), mapping_refused(kMaps, 1, 2)};
+  Row elsewhere = mapping_refused(kMaps | kCached | kZones, 3);
+  elsewhere.expect.allowed.partly_mapped_blocks = true;
+  run({"every alias, single pages",
+       [prepare] { prepare(0); },
+       {with(three, own_alias + std::vector<Row>{mapping_refused(kMaps, 3)})}});
+  run({"every alias, single pages, with a cache",
+       [prepare] { prepare(kCache); },
+       {with(three, own_alias + std::vector<Row>{elsewhere})}});
 }
 
 TEST(AliasFaults, BlocksAtEveryAliasWithACache) {

@@ -18,6 +18,7 @@ inline constexpr int kUntracked = 0x8000000;
 inline constexpr int kMapAll = 1;
 inline constexpr int kCache = 2;
 inline constexpr int kMultiPage = 1;
+inline constexpr int kPopulate = 2;
 inline constexpr long kFailedZone = 255;
 
 constexpr uint64_t pages(uint64_t count) {
