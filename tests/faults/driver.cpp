@@ -778,7 +778,12 @@ int32_t fetching_stub(int32_t* address, int32_t error_value) {
     note_injected("touch");
     return error_value;
   }
-  return *const_cast<volatile int32_t*>(address);
+  // Written back, since the kernel may drop a page of a file in memory that was only read: it would be missing in the
+  // file when the books are compared with it.
+  auto* const word = const_cast<volatile int32_t*>(address);
+  const int32_t value = *word;
+  *word = value;
+  return value;
 }
 
 std::function<std::string(int64_t, int)> answers(int64_t wanted) {
