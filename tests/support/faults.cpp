@@ -31,9 +31,7 @@ CallState& state_of(Call call) {
   return states[static_cast<size_t>(call)];
 }
 
-// Counts a call; the error that it is to fail with, or 0.
-int pending_error(Call call) {
-  CallState& state = state_of(call);
+int error_of_this_call(CallState& state) {
   state.count.fetch_add(1);
   if (state.times.load() == 0) {
     return 0;
@@ -46,6 +44,25 @@ int pending_error(Call call) {
     return 0;
   }
   return state.error.load();
+}
+
+template <typename Word>
+long as_word(Word word) {
+  if constexpr (std::is_pointer_v<Word>) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(word));
+  } else {
+    return static_cast<long>(word);
+  }
+}
+
+// Counts a call; the error that it is to fail with, or 0.
+template <typename... Args>
+int pending_error(Call call, Args... args) {
+  const int error = error_of_this_call(state_of(call));
+  if (Faults::observer != nullptr) {
+    Faults::observer(call, {as_word(args)...}, error);
+  }
+  return error;
 }
 
 template <typename Result>
@@ -61,7 +78,7 @@ Result failure(int error) {
 template <typename Result, typename... Args>
 Result dispatch(Call call, const std::function<Result(Args...)>& replacement, Result (*real_function)(Args...),
                 Args... args) {
-  const int error = pending_error(call);
+  const int error = pending_error(call, args...);
   if (error != 0) {
     return failure<Result>(error);
   }
@@ -72,7 +89,7 @@ Result dispatch(Call call, const std::function<Result(Args...)>& replacement, Re
 template <typename... Args>
 int dispatch_pthread(Call call, const std::function<int(Args...)>& replacement, int (*real_function)(Args...),
                      Args... args) {
-  const int error = pending_error(call);
+  const int error = pending_error(call, args...);
   if (error != 0) {
     return error;
   }
@@ -85,6 +102,8 @@ std::map<std::string, std::optional<std::string>>& replaced_files() {
 }
 
 }  // namespace
+
+Faults::Observer Faults::observer = nullptr;
 
 #define OXTEST_DEFINE(name) decltype(Faults::on_##name) Faults::on_##name
 OXTEST_DEFINE(mmap64);
@@ -126,6 +145,10 @@ void Faults::replace_file(const std::string& path, std::optional<std::string> co
   replaced_files()[path] = std::move(content);
 }
 
+void Faults::forget_file(const std::string& path) {
+  replaced_files().erase(path);
+}
+
 void Faults::reset() {
   for (CallState& state : states) {
     state.count = 0;
@@ -133,6 +156,7 @@ void Faults::reset() {
     state.times = 0;
     state.error = 0;
   }
+  observer = nullptr;
   replaced_files().clear();
   on_mmap64 = nullptr;
   on_munmap = nullptr;
@@ -188,7 +212,6 @@ OXTEST_WRAP(int, mprotect, dispatch, (void* a, size_t b, int c), a, b, c)
 OXTEST_WRAP(int, madvise, dispatch, (void* a, size_t b, int c), a, b, c)
 OXTEST_WRAP(int, fallocate64, dispatch, (int a, int b, off64_t c, off64_t d), a, b, c, d)
 OXTEST_WRAP(int, ftruncate64, dispatch, (int a, off64_t b), a, b)
-OXTEST_WRAP(int, close, dispatch, (int a), a)
 OXTEST_WRAP(int, unlink, dispatch, (const char* a), a)
 OXTEST_WRAP(int, access, dispatch, (const char* a, int b), a, b)
 OXTEST_WRAP(int, statfs64, dispatch, (const char* a, struct statfs64* b), a, b)
@@ -202,6 +225,14 @@ OXTEST_WRAP(int, pthread_mutex_init, dispatch_pthread, (pthread_mutex_t * a, con
 OXTEST_WRAP(int, pthread_mutex_lock, dispatch_pthread, (pthread_mutex_t * a), a)
 OXTEST_WRAP(int, pthread_mutex_unlock, dispatch_pthread, (pthread_mutex_t * a), a)
 OXTEST_WRAP(int, pthread_sigmask, dispatch_pthread, (int a, const sigset_t* b, sigset_t* c), a, b, c)
+
+// A descriptor is gone also when the kernel reports that closing it failed.
+extern "C" int __real_close(int fd);
+extern "C" int __wrap_close(int fd) {
+  const int error = oxtest::pending_error(oxtest::Call::close, fd);
+  const int result = oxtest::Faults::on_close ? oxtest::Faults::on_close(fd) : __real_close(fd);
+  return error == 0 ? result : oxtest::failure<int>(error);
+}
 
 OXTEST_REAL(void*, mmap64, (void* a, size_t b, int c, int d, int e, off64_t f), a, b, c, d, e, f)
 OXTEST_REAL(int, munmap, (void* a, size_t b), a, b)
@@ -262,7 +293,7 @@ long oxtest::real::syscall(long number, long a1, long a2, long a3) {
 // Heap memory, as operator new gives it to the library (the linker sends only statically linked code here).
 extern "C" void* __real__Znwm(size_t size);
 extern "C" void* __wrap__Znwm(size_t size) {
-  if (oxtest::pending_error(oxtest::Call::operator_new) != 0) {
+  if (oxtest::pending_error(oxtest::Call::operator_new, size) != 0) {
     throw std::bad_alloc();
   }
   return __real__Znwm(size);
@@ -270,14 +301,14 @@ extern "C" void* __wrap__Znwm(size_t size) {
 
 extern "C" void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 extern "C" void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
-  return oxtest::pending_error(oxtest::Call::operator_new_nothrow) != 0 ? nullptr
-                                                                        : __real__ZnwmRKSt9nothrow_t(size, tag);
+  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0 ? nullptr
+                                                                              : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
 extern "C" void* __real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 extern "C" void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
-  return oxtest::pending_error(oxtest::Call::operator_new_nothrow) != 0 ? nullptr
-                                                                        : __real__ZnamRKSt9nothrow_t(size, tag);
+  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0 ? nullptr
+                                                                              : __real__ZnamRKSt9nothrow_t(size, tag);
 }
 
 // The streams of the standard library open their files through this function. The replacement has a descriptor, which

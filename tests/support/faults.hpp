@@ -7,6 +7,7 @@
 #include <sys/utsname.h>
 #include <sys/vfs.h>
 
+#include <array>
 #include <ctime>
 #include <functional>
 #include <optional>
@@ -87,9 +88,15 @@ class Faults {
 
   static int count(Call call);
 
+  // Sees every counted call: its arguments as words, and the error that it is made to fail with, or 0. A plain function,
+  // since it runs where no memory may be taken.
+  using Observer = void (*)(Call call, const std::array<long, 6>& arguments, int error);
+  static Observer observer;
+
   // Files read through the standard library's streams: gives `content` to whoever opens `path`; no content = can't be
   // opened.
   static void replace_file(const std::string& path, std::optional<std::string> content);
+  static void forget_file(const std::string& path);  // the real one is read again
 
   static void reset();
 

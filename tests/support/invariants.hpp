@@ -23,7 +23,8 @@ struct Allowing {
   // A commit that failed half-way for another reason than a lack of memory: its pages are counted as funded and stand in
   // the file, but belong to no list. A refresh whose commit failed: a page counted as funded without memory.
   bool commits_outside_zones = false;
-  // What an unregistered space, or one whose registration failed, keeps of the internal usage.
+  // What an unregistered space, or one whose registration failed, keeps of the internal usage; and the pages of blocks
+  // that an unregistered space held, which stay handed out.
   bool abandoned_spaces = false;
 };
 

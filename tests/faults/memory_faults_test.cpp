@@ -1,0 +1,351 @@
+// Physical memory: zones and their prefunding, pages and blocks committed when they are handed out, growing, giving back
+// and taking again, filling ahead, refreshing, and the end of it all.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "world.hpp"
+
+namespace oxtest::faults {
+namespace {
+
+constexpr const char* kAllocatorUnit = "src/pmem/pmem_pageAllocator";
+constexpr const char* kLostPage = "ENOMEM when freeing a page not handled yet";
+constexpr int kFirst = 0;
+
+// What a fault does to a commit: a full file system is what callers know as out of memory.
+const std::vector<int> kShortOfMemory = {ENOSPC, ENOMEM};
+
+TEST(ZoneFaults, PrefundedZonesOfBothKinds) {
+  const auto prepare = [] { start({.initial_pages = 6, .maximum_pages = 32, .fund_pages = 8}); };
+  run({"zones: blocks and single pages",
+       prepare,
+       {create_zone("zone of blocks", 0, 4, 8, true), create_zone("zone of single pages", 16, 4, 8, false)}});
+}
+
+char* pages_taken[6];
+char* block = nullptr;
+
+// A zone of blocks with two committed pages and two to commit on demand, and behind it one of single pages.
+void prepare_single_pages(bool allow_zones) {
+  start({.initial_pages = 2, .maximum_pages = 20, .fund_pages = 6});
+  add_zone(0, 4, 8, true);
+  add_zone(8, 4, 8, false);
+  const long space = add_space(16, 0, 0, 0);
+  add_alias(space, 16);
+  for (const long zone : {0L, 1L}) {
+    require(!allow_zones || ox_register_pzone_for_space_pliv(space, zone) == 0, "a zone for the space");
+  }
+  pages_taken[0] = allocate(space, 1);
+  pages_taken[1] = allocate(space, 1);
+}
+
+// A space that takes from all zones also cuts the account to what is committed when there is nothing more to be had.
+Scenario single_pages(const std::string& name, bool allow_zones) {
+  const Expect too_little = refuses(ENOMEM).changing(allow_zones ? kNothing : kFund);
+  const std::vector<Row> next_zone_helps = {{"fallocate commit", succeeds(), {}, Extent::Once},
+                                            {"fallocate commit", too_little},
+                                            mapping_refused(kCommits | kOutside)};
+  const std::vector<Row> last_zone = {{"fallocate commit", too_little}, mapping_refused(kCommits | kOutside)};
+  return {"single pages: " + name,
+          [allow_zones] { prepare_single_pages(allow_zones); },
+          {with(allocate_step("first page on demand", 0, 1, &pages_taken[2]), next_zone_helps),
+           with(allocate_step("second page on demand", 0, 1, &pages_taken[3]), next_zone_helps),
+           with(allocate_step("page of the second zone", 0, 1, &pages_taken[4]), last_zone),
+           free_step("page of the second zone back", 0, 1, &pages_taken[4]),
+           with(free_step("committed page back", 0, 1, &pages_taken[1]), freeing_loses_pages(0, 1, &pages_taken[1])),
+           with(allocate_step("committed page again", 0, 1, &pages_taken[1]), last_zone)}};
+}
+
+TEST(AllocationFaults, SinglePagesOfAllZones) {
+  run(single_pages("all zones", false));
+}
+
+TEST(AllocationFaults, SinglePagesOfAllowedZones) {
+  run(single_pages("allowed zones", true));
+}
+
+// A run of pages that can't be committed at once is tried page by page.
+TEST(AllocationFaults, RunsCommittedOnDemand) {
+  static char* three = nullptr;
+  static char* nine = nullptr;
+  static char* base = nullptr;
+  const auto prepare = [] {
+    start({.initial_pages = 2, .maximum_pages = 32, .fund_pages = 16});
+    add_zone(0, 12, 24, true);
+    base = add_alias(add_space(32, 0, 0, 0), 32);
+  };
+  const std::vector<Row> commits = {{"fallocate commit", succeeds(), {}, Extent::Once},
+                                    {"fallocate commit", refuses(ENOMEM).changing(kCommits)}};
+  // Nine pages are mapped in two pieces; when the second one fails the first is unmapped, and leaves a gap.
+  Row second_piece = mapping_refused(kCommits | kMaps, 1);
+  second_piece.expect = second_piece.expect.first([] { reserve_again(base + pages(3), 8); });
+  run({"runs on demand",
+       prepare,
+       {with(allocate_step("three pages", 0, 3, &three), commits + std::vector<Row>{mapping_refused(kCommits)}),
+        with(allocate_step("nine pages", 0, 9, &nine),
+             commits + std::vector<Row>{mapping_refused(kCommits, 0, 0), second_piece}),
+        with(free_step("nine pages back", 0, 9, &nine), {{"new", refuses(ENOMEM).unchecked().the_end()}}),
+        with(allocate_step("two of them again", 0, 2, &block), {mapping_refused(kNothing)})}});
+}
+
+// Every other page is taken, so that a block is made of single pages.
+void prepare_fragments() {
+  start({.initial_pages = 3, .maximum_pages = 16, .fund_pages = 8});
+  add_zone(0, 8, 12, true);
+  add_alias(add_space(24, 0, 0, 0), 24);
+  for (char*& page : pages_taken) {
+    page = allocate(0, 1);
+  }
+  for (const int i : {0, 2, 4}) {
+    release(0, pages_taken[i], 1);
+  }
+}
+
+TEST(AllocationFaults, BlockOfSinglePages) {
+  const std::vector<Row> rows = {
+      {"fallocate commit", refuses(ENOMEM)}, mapping_refused(kCommits, 0, 0), mapping_refused(kCommits | kMaps, 1)};
+  run({"block of single pages",
+       prepare_fragments,
+       {with(allocate_step("four pages", 0, 4, &block), rows),
+        with(free_step("four pages back", 0, 4, &block), freeing_loses_pages(0, 4, &block))}});
+}
+
+// The second of two pieces can't be mapped: what if the first can't be unmapped either?
+TEST(AllocationFaults, UndoneMapping) {
+  static char* base = nullptr;
+  const auto prepare = [] {
+    start({.initial_pages = 9, .maximum_pages = 16, .fund_pages = 9});
+    add_zone(0, 9, 12, true);
+    base = add_alias(add_space(16, 0, 0, 0), 16);
+    Faults::on_mmap64 = [](void* address, size_t length, int protection, int flags, int fd, off64_t offset) -> void* {
+      if ((flags & MAP_FIXED) != 0 && length == kPage) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+      }
+      return real::mmap64(address, length, protection, flags, fd, offset);
+    };
+  };
+  const auto fill_gap = [] { reserve_again(base, 8); };
+  Step step = allocate_step("nine pages", 0, 9, &block);
+  step.verify = refused_with(ENOMEM);
+  step.afterwards = fill_gap;
+  Row second_piece = mapping_refused(kMaps, 1);
+  second_piece.expect = second_piece.expect.first(fill_gap);
+  step.rows = {mapping_refused(kNothing, 0, 0),
+               second_piece,
+               {"new", refuses(ENOMEM).changing(kMaps | kFund | kZones).losing_pages().first(fill_gap)},
+               {"munmap", refuses(ENOMEM).changing(kMaps).allowing(kDrifted)}};
+  run({"undone mapping", prepare, {step}, kDrifted});
+}
+
+// ---- Growing and shrinking
+
+// Two zones that can grow by eight pages each; the first has handed out what it has.
+void prepare_growth() {
+  start({.initial_pages = 4, .maximum_pages = 32, .fund_pages = 6});
+  add_zone(0, 4, 12, true);
+  add_zone(12, 2, 10, false);
+  add_alias(add_space(32, 8, 0, kMapAll), 32);
+  allocate(0, 4);
+}
+
+// A growth of `count` pages that commits page after page, in zone calls that begin with the pages `starts`. What was
+// committed before memory ran out is kept; after another error the pages of that zone call are in no zone.
+std::vector<Row> growing(int count, const std::vector<int>& starts, bool partial) {
+  std::vector<Row> rows;
+  for (int done = 0; done < count; ++done) {
+    const unsigned kept = done == 0 ? kNothing : kFund | kCommits | kZones;
+    const Expect short_of_memory = refuses(ENOMEM).result(partial ? done : -1).changing(kept);
+    rows.push_back({"fallocate commit", short_of_memory, kShortOfMemory, Extent::Any, done, done});
+    const bool first_of_its_call = std::find(starts.begin(), starts.end(), done) != starts.end();
+    const Expect failed = refuses().changing(kept).allowing(first_of_its_call ? Allowing{} : kHalfCommitted);
+    rows.push_back({"fallocate commit", failed, {}, Extent::Any, done, done});
+  }
+  rows.push_back({"new", dies("src/pmem/pmem_pageZone", "failure in allocating freelist not handled now")});
+  return rows;
+}
+
+TEST(GrowthFaults, GrowingShrinkingAndTakingAgain) {
+  Step partly = grow("four more, or some of them", 4);
+  partly.call = [] { return ox_pmem_fund_account_pliv(0, INT64_MIN | 2, pages(4)); };
+  partly.verify = answers(4);
+  // Pages given back earlier are committed again first.
+  const std::vector<Row> taking_again = {
+      {"fallocate commit", refuses(ENOMEM).changing(kFund | kCommits | kZones), {ENOSPC}},
+      {"fallocate commit", refuses().changing(kFund | kCommits | kZones)},
+      {"new", dies(kAllocatorUnit, kLostPage)}};
+  Step pretouch{"pretouch", [] { return ox_pretouch_committed_pages_pliv(100, nullptr); }};
+  pretouch.verify = answers(0);
+  run({"growth",
+       prepare_growth,
+       {with(grow("six more pages", 6), growing(6, {0, 1, 2}, false)), with(partly, growing(4, {0, 1}, true)),
+        shrink("five pages back", 5), with(grow("four of them again", 4), taking_again), pretouch}});
+}
+
+// What is given back or taken again half-way finds its list without the memory to go back to it.
+TEST(GrowthFaults, UndoneRecommit) {
+  const auto prepare = [] {
+    prepare_growth();
+    require(ox_pmem_fund_account_pliv(0, 2, pages(6)) == 0, "growing");
+    require(ox_pmem_fund_account_pliv(0, 2, -pages(5)) == 0, "giving back");
+    Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+      if (mode == 0) {
+        errno = ENOSPC;
+        return -1;
+      }
+      return real::fallocate64(fd, mode, offset, length);
+    };
+  };
+  Step step = grow("four pages again", 4);
+  step.verify = refused_with(ENOMEM);
+  step.rows = {{"fallocate commit", refuses(ENOMEM), kShortOfMemory},
+               {"fallocate commit", refuses()},
+               {"new", dies(kAllocatorUnit, kLostPage), {}, Extent::Any, 0, 0},  // of the rest of a range
+               {"new", dies(kAllocatorUnit, "ENOMEM when freeing a block not handled yet")}};
+  run({"undone recommit", prepare, {step}});
+}
+
+TEST(GrowthFaults, InterruptedShrinking) {
+  const auto prepare = [] {
+    prepare_growth();
+    require(ox_pmem_fund_account_pliv(0, 2, pages(6)) == 0, "growing");
+    Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+      if (mode != 0) {
+        errno = EINTR;
+        return -1;
+      }
+      return real::fallocate64(fd, mode, offset, length);
+    };
+  };
+  run({"interrupted shrinking", prepare, {shrink("five pages back", 5)}});
+}
+
+// ---- Filling ahead
+
+constexpr int kToFill = 8;
+
+void prepare_filling() {
+  start({.initial_pages = 2, .maximum_pages = 40, .fund_pages = 8});
+  add_zone(0, 6, 16, true);
+  add_zone(16, 4, 16, false);
+}
+
+Step fill_all() {
+  Step step{"fill all", [] { return ox_pmem_prefill_scrubbed_freelist_pliv(0); }};
+  step.verify = answers(0);
+  step.later = 3;  // tried again until it succeeds
+  step.rows = {{"fallocate commit", succeeds()}};
+  return step;
+}
+
+TEST(FillingFaults, AChunkAndThenAll) {
+  Step chunk{"fill three", [] { return ox_pmem_prefill_scrubbed_freelist_chunk_pliv(0, 3); }};
+  chunk.verify = [](int64_t left, int) { return left >= 0 && left < kToFill ? "" : "must fill something"; };
+  for (int done = 0; done < 3; ++done) {
+    const Expect partly = refuses(kAnyError).result(kToFill - done).changing(kCommits | kFund);
+    chunk.rows.push_back({"fallocate commit", partly.says("Decreased account size from 16 MB to "), kShortOfMemory,
+                          Extent::Any, done, done});
+    chunk.rows.push_back({"fallocate commit", partly.changing(kCommits), {}, Extent::Any, done, done});
+  }
+  run({"filling", prepare_filling, {chunk, fill_all()}});
+}
+
+TEST(FillingFaults, WhileMemoryIsShort) {
+  const auto prepare = [] {
+    prepare_filling();
+    Faults::on_fallocate64 = [](int fd, int mode, off64_t offset, off64_t length) {
+      static int calls = 0;
+      if (calls++ % 3 == 1) {
+        errno = ENOSPC;
+        return -1;
+      }
+      return real::fallocate64(fd, mode, offset, length);
+    };
+  };
+  run({"filling while memory is short", prepare, {fill_all()}});
+}
+
+// ---- Touching and refreshing
+
+TEST(RefreshFaults, PopulatedAndRefreshed) {
+  constexpr int kFree = 8;
+  const auto prepare = [] {
+    start({.initial_pages = kFree, .maximum_pages = 24, .fund_pages = 10});
+    add_zone(0, 6, 8, true);
+    add_zone(8, 2, 8, false);
+    const long space = add_space(16, 4, 0, kMapAll);
+    add_alias(space, 16);
+    add_alias(space, 16);
+  };
+  const Step populate{"populate", [] { return ox_populate_page_table_chunk_pliv(0, 100); }};
+  Step refresh{"refresh", [] { return ox_refresh_free_memory_pliv(); }};
+  // A page that can't be punched is passed over. One that can't be committed again ends the work, and stays locked
+  // without memory, although its account counts it: it can't be handed out any more.
+  for (int done = 0; done < kFree; ++done) {
+    const Expect so_far = refuses(kAnyError).result(static_cast<int64_t>(pages(static_cast<uint64_t>(done))));
+    const Expect all_but_one = refuses(kAnyError).result(static_cast<int64_t>(pages(kFree - 1)));
+    refresh.rows.push_back({"fallocate punch", all_but_one, {}, Extent::Once, done, done});
+    refresh.rows.push_back({"fallocate punch", so_far, {}, Extent::Later, done, done});
+    refresh.rows.push_back(
+        {"fallocate commit", so_far.changing(kCommits).allowing(kHalfCommitted), {}, Extent::Any, done, done});
+  }
+  run({"refreshing", prepare, {populate, populate, refresh}, {.locked_pages = true}});
+}
+
+// ---- The end
+
+TEST(EndFaults, AllMemoryGivenBack) {
+  const auto prepare = [] {
+    start({.initial_pages = 4, .maximum_pages = 8, .fund_pages = 4});
+    add_zone(0, 4, 8, true);
+  };
+  Step step{"all memory back", [] { return ox_pmem_uncommit_all_memory_pliv(); }};
+  step.ends_the_library = true;
+  step.rows = {{"fallocate punch", dies("src/pmem/pmem", "releasing backing storage failed")},
+               {"close", refuses().changing(kEverything).unchecked().the_end()}};
+  run({"all memory given back", prepare, {step}});
+}
+
+// ---- Looking
+
+TEST(StatisticsFaults, CallsThatOnlyLook) {
+  const auto prepare = [] {
+    start({.initial_pages = 4, .maximum_pages = 16, .fund_pages = 8});
+    add_zone(0, 6, 8, true);
+    add_zone(8, 2, 8, false);
+    add_alias(add_space(16, 0, 4, kCache), 16);
+    release(0, allocate(0, 2), 2);
+  };
+  const auto usage = [] {
+    static ox_pliv_account_usage_buffer_t buffer;
+    const uint64_t size = sizeof buffer;
+    return ox_pmem_get_account_usage_pliv(0, &buffer, &size);
+  };
+  const auto zone_stats = [] {
+    static ox_pliv_pzone_stats_t stats;
+    return ox_get_stats_for_pzone_pliv(static_cast<long>(kFirst), &stats);
+  };
+  const auto space_stats = [] {
+    static ox_pliv_space_stats_t stats;
+    return ox_get_stats_for_space_pliv(0, &stats);
+  };
+  const auto peak = [] {
+    static uint64_t bytes;
+    return ox_pmem_get_peak_committed_pliv(&bytes, 2);
+  };
+  run({"statistics",
+       prepare,
+       {{"account usage", usage},
+        {"zone", zone_stats},
+        {"space", space_stats},
+        {"peak", peak},
+        {"report", [] { return ox_report_stats_pliv(); }},
+        {"accounts to credit", [] { return ox_pmem_set_accounts_to_credit_pliv(0, 2, ~uint64_t{0xFF} | 2); }},
+        {"watermarks of the account", [] { return ox_pmem_reset_account_watermarks_pliv(2); }},
+        {"watermarks of the zone", [] { return ox_reset_watermarks_for_pzone_pliv(0); }}}});
+}
+
+}  // namespace
+}  // namespace oxtest::faults

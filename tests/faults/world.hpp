@@ -1,0 +1,84 @@
+#pragma once
+
+#include <sys/mman.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "driver.hpp"
+#include "oxpliv/ox_memory_pliv.h"
+
+// What the scenarios have in common: a library in a state to start from, the exported calls as steps, and the rows that
+// are the same wherever such a call is made.
+namespace oxtest::faults {
+
+inline constexpr int kReadWrite = PROT_READ | PROT_WRITE;
+inline constexpr int kUntracked = 0x8000000;
+inline constexpr int kMapAll = 1;
+inline constexpr int kCache = 2;
+inline constexpr int kMultiPage = 1;
+inline constexpr int kPopulate = 2;
+inline constexpr long kFailedZone = 255;
+
+constexpr uint64_t pages(uint64_t count) {
+  return count * kPage;
+}
+
+// ---- Preparing; each ends the run when the library refuses
+
+struct Heap {
+  uint64_t initial_pages = 0;
+  uint64_t maximum_pages = 0;
+  uint64_t fund_pages = 0;
+  const char* path = nullptr;
+  bool explicit_huge_pages = false;
+  bool transparent_huge_pages = false;
+  bool aggressive = false;
+};
+
+ox_pliv_configuration_t configuration(const Heap& heap);
+void start(const Heap& heap);
+void add_zone(uint64_t start_page, uint64_t size, uint64_t maximum, bool blocks);
+char* free_window(uint64_t count);
+char* reserve(uint64_t count, int flags = kUntracked);
+void reserve_again(char* address, uint64_t count);
+long add_space(uint64_t size, uint64_t premapped, uint64_t cache, int flags);
+char* add_alias(long space, uint64_t size, int flags = kMultiPage);
+char* allocate(long space, uint64_t count);
+void release(long space, char* address, uint64_t count);
+
+// The system says that it gives no transparent huge pages, whatever this machine is set to; or that it gives them to
+// whoever asks.
+void without_transparent_huge_pages();
+void with_transparent_huge_pages_on_advice();
+
+// ---- Steps
+
+// The alias that blocks are allocated at: the second one where the first could not be registered as a whole.
+inline long alias_in_use = 0;
+
+Step initialize(const Heap& heap);
+Step set_maximum(uint64_t count);
+Step create_account(uint64_t count);
+Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, uint64_t maximum, bool blocks);
+Step grow(const std::string& name, uint64_t count);
+Step shrink(const std::string& name, uint64_t count);
+Step allocate_step(const std::string& name, long space, uint64_t count, char** place);
+Step free_step(const std::string& name, long space, uint64_t count, char** place);
+
+// The same step with more rows, which come first.
+Step with(Step step, std::vector<Row> rows);
+
+// ---- Rows
+
+// A block of a space: what happens when it can't be mapped, where `earlier` mappings may have been made before.
+Row mapping_refused(unsigned changes, int from = 0, int to = INT32_MAX);
+
+// Freeing: the list that is to take the pages has no memory to remember them by; they are lost, by the runtime's
+// reckoning still in use.
+std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place);
+
+std::vector<Row> operator+(std::vector<Row> one, const std::vector<Row>& other);
+
+}  // namespace oxtest::faults
