@@ -140,8 +140,10 @@ class Checker {
       return;
     }
     const auto& queue = dynamic_cast<PMEM_PageQueue&>(*zone.allocator());
-    for (const PMEM_PageInfo* record = queue.head(); record != nullptr; record = record->next()) {
+    size_t linked = 0;  // a queue may be a circle
+    for (const PMEM_PageInfo* record = queue.head(); record != nullptr && linked < _places.size(); ++linked) {
       ++place(record->page_num()).free_lists;
+      record = record->next();
     }
   }
 
