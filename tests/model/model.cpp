@@ -15,7 +15,6 @@ constexpr uint32_t kMappingFlags = 0x403200;
 constexpr uint32_t kDoNotTrack = 0x8000000;
 constexpr int64_t kNotMapped = 0x80000;
 constexpr size_t kMostSpaces = 32;
-constexpr uint64_t kMostPages = INT32_MAX;
 constexpr uint64_t kNodeBytes = 32;  // of a list of ranges: two links and a range
 
 bool is_ragged(uint64_t bytes) {
@@ -321,10 +320,6 @@ int64_t Model::register_space(const Exported& call) {
   if (size < call.arguments[1]) {
     _lost.push_back(nullptr);
     return refuse();
-  }
-  if (size >> kPageShift > kMostPages) {
-    _lost.push_back(nullptr);
-    return system.fail(ENOMEM);
   }
   auto made = std::make_unique<Space>(physical, size, call.arguments[1], (flags & 1) != 0);
   if (made->initialize(call.arguments[2], (flags & 2) != 0) == -1) {

@@ -38,6 +38,7 @@ void System::begin(int errno_value) {
 bool System::fails(SystemCall call) {
   const int planned = plans[static_cast<size_t>(call)].take();
   if (planned != 0) {
+    ++fired[static_cast<size_t>(call)];
     error = planned;
   }
   return planned != 0;

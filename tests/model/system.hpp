@@ -82,6 +82,7 @@ class System {
   int error = 0;  // errno
 
   FaultPlan plans[kSystemCalls];
+  int fired[kSystemCalls] = {};  // failures so far
 
   // A call begins: errno is as the caller has it.
   void begin(int errno_value);

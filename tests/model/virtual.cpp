@@ -52,6 +52,9 @@ uint64_t PageManager::table_bytes() const {
 }
 
 long PageManager::initialize() {
+  if (_pages > static_cast<uint64_t>(kMostPages)) {
+    return _system.fail(ENOMEM);
+  }
   if (_system.map_table(table_bytes()) == -1) {
     return -1;
   }
@@ -826,11 +829,11 @@ long Space::unregister() {
 long FixedAddresses::track(uint64_t address, uint64_t length) {
   const uint64_t first = address >> kPageShift;
   const uint64_t pages = length >> kPageShift;
-  tracked_bytes += 16 * pages;
   for (uint64_t page = first; page < first + pages; ++page) {
     if (!_records.emplace(page, Record{}).second) {
       return _system.fail(EFAULT);
     }
+    tracked_bytes += 16;
   }
   return 0;
 }

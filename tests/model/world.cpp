@@ -562,27 +562,35 @@ Exported World::create_pzone(const Bytes& a) {
 
 // ---- What calls leave behind
 
+uint64_t World::offset_in(int64_t space, uint64_t address) const {
+  const Space* known = known_space(space);
+  const Alias* alias = known == nullptr ? nullptr : known->alias_of(address);
+  return alias == nullptr ? 0 : address - alias->base;
+}
+
+std::vector<Block>::const_iterator World::find(const Exported& call) const {
+  const uint64_t offset = offset_in(call.at(0), call.arguments[1]);
+  return std::find_if(_blocks.begin(), _blocks.end(), [&](const Block& block) {
+    return block.space == call.at(0) && block.bytes == call.arguments[2] && block.offset == offset;
+  });
+}
+
+bool World::knows(const Exported& call) const {
+  return find(call) != _blocks.end();
+}
+
 void World::note(const Exported& call, int64_t result) {
   if (result == -1) {
     return;
   }
   const auto& a = call.arguments;
-  const auto offset = [this](int64_t space, uint64_t address) {
-    const Alias* alias = known_space(space)->alias_of(address);
-    return alias == nullptr ? 0 : address - alias->base;
-  };
   if (call.op == Op::MmapWithinSpace) {
-    _blocks.push_back({call.at(0), offset(call.at(0), unsigned_of(result)), a[2], call.at(3)});
+    _blocks.push_back({call.at(0), offset_in(call.at(0), unsigned_of(result)), a[2], call.at(3)});
   } else if (call.op == Op::MultimapBetween && a[0] != a[3]) {
-    _blocks.push_back({call.at(3), offset(call.at(3), unsigned_of(result)), a[2], kFundingAccount});
-  } else if (call.op == Op::MunmapFromSpace) {
-    const auto found = std::find_if(_blocks.begin(), _blocks.end(), [&](const Block& block) {
-      return block.space == call.at(0) && block.bytes == a[2] && block.offset == offset(call.at(0), a[1]);
-    });
-    if (found != _blocks.end()) {
-      _stale.push_back(*found);
-      _blocks.erase(found);
-    }
+    _blocks.push_back({call.at(3), offset_in(call.at(3), unsigned_of(result)), a[2], kFundingAccount});
+  } else if (call.op == Op::MunmapFromSpace && knows(call)) {
+    _stale.push_back(*find(call));
+    _blocks.erase(find(call));
   } else if (call.op == Op::UnregisterSpace) {
     std::erase_if(_blocks, [&call](const Block& block) { return block.space == call.at(0); });
   } else if (call.op == Op::Mreserve && (a[2] & 0x8000000) == 0) {

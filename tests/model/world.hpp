@@ -42,6 +42,9 @@ class World {
 
   const std::vector<Block>& blocks() const { return _blocks; }
 
+  // Whether the call names a live block exactly (MunmapFromSpace, MultimapBetween).
+  bool knows(const Exported& call) const;
+
  private:
   using Bytes = std::array<uint8_t, 4>;
 
@@ -67,6 +70,8 @@ class World {
   Exported set_credit(const Bytes& a);
   Exported create_pzone(const Bytes& a);
 
+  std::vector<Block>::const_iterator find(const Exported& call) const;
+  uint64_t offset_in(int64_t space, uint64_t address) const;
   int64_t space_id(uint8_t byte) const;
   int64_t alias_id(int64_t space, uint8_t byte) const;
   const Space* known_space(int64_t id) const;
