@@ -766,7 +766,7 @@ uint64_t Model::internal_usage(const ObjectSizes& sizes) const {
   for (const auto& lost : _lost) {
     bytes += sizes.space;
     if (lost != nullptr) {
-      bytes += sizes.allocator + lost->manager.ranges().nodes() * kNodeBytes;
+      bytes += sizes.allocator + lost->manager.ranges().nodes() * kNodeBytes + lost->manager.table_bytes();
     }
   }
   bytes += _leftover.allocators * sizes.allocator + _leftover.nodes * kNodeBytes + _leftover.table_bytes;

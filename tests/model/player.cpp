@@ -19,7 +19,7 @@ namespace real = oxtest::real;
 constexpr int kErrnoBefore = 113;         // no call of the library sets it
 constexpr uint64_t kFiguresEvery = 1;     // calls between comparisons of the statistics
 constexpr uint64_t kAddressesEvery = 16;  // of all pages and addresses
-constexpr uint64_t kInvariantsEvery = 64;
+constexpr uint64_t kInvariantsEvery = 256;
 
 // Stands between the library and the system while a call is under way: writes down what is asked, lets planned requests
 // fail, and only claims to commit memory unless it is wanted for real.
@@ -334,6 +334,15 @@ std::string text_of(const std::vector<Element>& elements) {
   return text;
 }
 
+std::string said(const char* text) {
+  return text;
+}
+
+template <typename Function>
+std::string said(const Function& text) {
+  return text();
+}
+
 void reserve_in_process(uint64_t address, uint64_t length) {
   real::mmap64(as_pointer(address), length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
 }
@@ -373,10 +382,11 @@ bool Player::start() {
   return _difference.empty();
 }
 
-template <typename Value>
-void Player::expect(const std::string& what, const Value& model, const Value& library) {
+// `what` is text, or a function that gives it.
+template <typename What, typename Value>
+void Player::expect(const What& what, const Value& model, const Value& library) {
   if (!(model == library)) {
-    _difference += what + ":\n  model:   " + text_of(model) + "\n  library: " + text_of(library) + "\n";
+    _difference += said(what) + ":\n  model:   " + text_of(model) + "\n  library: " + text_of(library) + "\n";
   }
 }
 
@@ -479,11 +489,11 @@ void Player::compare_figures() {
   };
   expect("physical memory", _model.pmem_stats(), ask(Op::PmemStats, {1}));
   for (size_t zone = 0; zone < _model.physical.zones.zones.size(); ++zone) {
-    expect("zone " + std::to_string(zone), _model.zone_stats(zone), ask(Op::PzoneStats, {zone, 1}));
+    expect([zone] { return "zone " + std::to_string(zone); }, _model.zone_stats(zone), ask(Op::PzoneStats, {zone, 1}));
   }
   for (size_t space = 0; space < _model.spaces.size(); ++space) {
     if (_model.spaces[space] != nullptr) {
-      expect("space " + std::to_string(space), _model.space_stats(space), ask(Op::SpaceStats, {space, 1}));
+      expect([space] { return "space " + std::to_string(space); }, _model.space_stats(space), ask(Op::SpaceStats, {space, 1}));
     }
   }
   try {
@@ -502,14 +512,14 @@ void Player::compare_figures() {
 void Player::compare_pages() {
   for (uint64_t page = 0; page < _model.physical.pages.count(); ++page) {
     const int64_t funded = _model.physical.pages.all()[page].is_funded() ? 1 : 0;
-    expect("page " + std::to_string(page) + " is funded", funded,
+    expect([page] { return "page " + std::to_string(page) + " is funded"; }, funded,
            ox_pmem_is_funded_pliv(static_cast<int64_t>(page << kPageShift)));
   }
   for (unsigned account = 0; account < kAccounts; ++account) {
     if (const Account* known = _model.physical.account(account)) {
       uint64_t peak = 0;
       ox_pmem_get_peak_committed_pliv(&peak, account);
-      expect("peak of account " + std::to_string(account), known->peak << kPageShift, peak);
+      expect([account] { return "peak of account " + std::to_string(account); }, known->peak << kPageShift, peak);
     }
   }
 }
@@ -540,7 +550,7 @@ void Player::compare_address(int64_t space, uint64_t address) {
       _model.system.begin(kErrnoBefore);
       const Answer of_model = _model.call(call);
       const Answer of_library = call_library(call, kErrnoBefore);
-      expect(to_text(call), of_model.result, of_library.result);
+      expect([&call] { return to_text(call); }, of_model.result, of_library.result);
     } catch (const Death&) {
       // A page of the premapped region that no physical page answers to.
     }

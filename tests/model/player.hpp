@@ -49,8 +49,8 @@ class Player {
   void note_what_is_allowed(const Exported& call, const Answer& answer);
   Ending ending() const { return _difference.empty() ? Ending::Complete : Ending::Difference; }
 
-  template <typename Value>
-  void expect(const std::string& what, const Value& model, const Value& library);
+  template <typename What, typename Value>
+  void expect(const What& what, const Value& model, const Value& library);
 
   Configuration _configuration;
   ObjectSizes _sizes;

@@ -48,14 +48,14 @@ PageManager::PageManager(Physical& physical, uint64_t pages, uint64_t premapped)
 }
 
 uint64_t PageManager::table_bytes() const {
-  return (_pages * kRecordBytes + kSmallPage - 1) / kSmallPage * kSmallPage;
+  return (_records.size() * kRecordBytes + kSmallPage - 1) / kSmallPage * kSmallPage;
 }
 
 long PageManager::initialize() {
   if (_pages > static_cast<uint64_t>(kMostPages)) {
     return _system.fail(ENOMEM);
   }
-  if (_system.map_table(table_bytes()) == -1) {
+  if (_system.map_table((_pages * kRecordBytes + kSmallPage - 1) / kSmallPage * kSmallPage) == -1) {
     return -1;
   }
   _records.resize(_pages);
@@ -599,7 +599,7 @@ const Alias* Space::alias_of(uint64_t address) const {
     return static_cast<int64_t>(address) >= static_cast<int64_t>(alias.base) &&
            static_cast<int64_t>(address) < static_cast<int64_t>(alias.base + size);
   });
-  return found == aliases.end() ? nullptr : &*found;
+  return found == aliases.end() || found->base == 0 ? nullptr : &*found;  // a base of 0 stands for none
 }
 
 long Space::map_within(uint64_t address, uint64_t length, int protection, bool do_populate) {
@@ -725,7 +725,8 @@ uint64_t Space::multimap_from(Space& source, uint64_t address, uint64_t bytes, i
   }
   const Alias* from = source.alias_of(address);
   const Alias alias = aliases[static_cast<size_t>(index)];
-  if (from == nullptr || alias.base == 0) {
+  const auto pages = static_cast<int64_t>(bytes >> kPageShift);
+  if (from == nullptr || alias.base == 0 || pages > kMostPages) {
     _system.error = EFAULT;
     return kNone;
   }
@@ -733,11 +734,6 @@ uint64_t Space::multimap_from(Space& source, uint64_t address, uint64_t bytes, i
     if (map_all) {
       return address - from->base + alias.base;
     }
-    _system.error = EFAULT;
-    return kNone;
-  }
-  const auto pages = static_cast<int64_t>(bytes >> kPageShift);
-  if (pages > kMostPages) {
     _system.error = EFAULT;
     return kNone;
   }
@@ -905,11 +901,12 @@ long FixedAddresses::allocate_page_by_page(uint64_t address, uint64_t pages, int
     }
     found.push_back(page);
   }
+  const uint64_t first = address >> kPageShift;
   for (uint64_t i = 0; i < pages; ++i) {
-    must_map(address + (i << kPageShift), found[i], 1, protection);
+    must_map((first + i) << kPageShift, found[i], 1, protection);
   }
   for (uint64_t i = 0; i < pages; ++i) {
-    set_allocated((address >> kPageShift) + i, found[i]);
+    set_allocated(first + i, found[i]);
   }
   return 0;
 }
