@@ -190,6 +190,7 @@ Configuration configuration(const Header& header) {
   configuration.prefund = (header[2] & 1) != 0;
   configuration.real_memory = (header[2] >> 1) % 16 == 15;
   configuration.safe_fetch = (header[2] & 0x40) != 0;
+  configuration.merciful = (header[3] ^ header[9]) % 4 != 3;
   configuration.ragged_bytes = (header[2] & 0x80) != 0 ? 0x1000 : 0;
   return configuration;
 }
@@ -229,7 +230,7 @@ class Scene {
   }
 
   void accounts() {
-    const uint64_t fund = 4 + _pages * (_header[4] % 12u) / 12;
+    const uint64_t fund = 4 + _pages * (_header[4] % 18u) / 12;
     const uint64_t maximum = fund + _header[5] % 97u;
     account(2, fund, std::max(maximum, _pages));
     for (uint64_t index = 0; index < 8; ++index) {

@@ -103,6 +103,7 @@ struct Configuration {
   bool prefund = false;
   bool real_memory = false;   // commit and uncommit for real, instead of claiming to
   bool safe_fetch = false;    // give the library a stub
+  bool merciful = false;      // leave out most calls that would end the process
   uint64_t ragged_bytes = 0;  // bytes beyond the last whole page of the maximum
 };
 

@@ -40,7 +40,8 @@ struct Driver::Shared {
   char script[1 << 18];
   size_t script_length;
   uint64_t calls;
-  Totals totals;
+  std::array<uint64_t, kOps> calls_of;
+  std::array<uint64_t, kOps> failures_of;
   ObjectSizes sizes;
 
   void write(const std::string& text) {
@@ -88,13 +89,13 @@ void Driver::play(const Sequence& sequence, bool with_script) {
     const std::string text = to_text(call);
     copy_text(_shared->call, sizeof _shared->call, text);
     ++_shared->calls;
-    ++_shared->totals.calls[static_cast<size_t>(call.op)];
+    ++_shared->calls_of[static_cast<size_t>(call.op)];
     if (with_script) {
       _shared->write("  " + text);
     }
   };
   hooks.after = [this, with_script](const Exported& call, int64_t result) {
-    _shared->totals.failures[static_cast<size_t>(call.op)] += is_failure(call, result) ? 1 : 0;
+    _shared->failures_of[static_cast<size_t>(call.op)] += is_failure(call, result) ? 1 : 0;
     if (with_script) {
       char text[64];
       std::snprintf(text, sizeof text, " = %s%#lx\n", result < 0 ? "-" : "",
@@ -183,10 +184,13 @@ Outcome Driver::run(const Sequence& sequence, bool with_script) {
   int status = 0;
   waitpid(child, &status, 0);
   Outcome outcome = judge(status);
-  _totals.calls = _shared->totals.calls;
-  _totals.failures = _shared->totals.failures;
+  _totals.calls = _shared->calls_of;
+  _totals.failures = _shared->failures_of;
   ++_totals.endings[static_cast<size_t>(outcome.ending)];
   _totals.sum += outcome.calls;
+  if (outcome.ending == Ending::Died) {
+    ++_totals.deaths[std::string(_shared->unit) + ": " + _shared->message];
+  }
   return outcome;
 }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "calls.hpp"
@@ -34,6 +35,7 @@ struct Totals {
   std::array<uint64_t, kOps> failures{};
   std::array<uint64_t, kEndings> endings{};
   uint64_t sum = 0;
+  std::map<std::string, uint64_t> deaths;  // by message
 };
 
 class Driver {

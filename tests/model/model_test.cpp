@@ -67,6 +67,9 @@ void print_totals(const Driver& driver, Clock::time_point start) {
                   totals.calls[op], totals.failures[op]);
     }
   }
+  for (const auto& [message, count] : totals.deaths) {
+    std::printf("  %8lu times: %s\n", count, message.c_str());
+  }
 }
 
 bool plays_seeds(Driver& driver, uint64_t seed, uint64_t calls) {

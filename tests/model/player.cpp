@@ -363,7 +363,7 @@ Player::Player(const Configuration& configuration, const ObjectSizes& sizes, Hoo
       _sizes(sizes),
       _hooks(std::move(hooks)),
       _model(configuration),
-      _world(_model, [this](uint64_t address, uint64_t length) {
+      _world(_model, configuration.merciful, [this](uint64_t address, uint64_t length) {
         reserve_in_process(address, length);
         _model.system.put_reservation(address, length);
       }) {
@@ -493,7 +493,8 @@ void Player::compare_figures() {
   }
   for (size_t space = 0; space < _model.spaces.size(); ++space) {
     if (_model.spaces[space] != nullptr) {
-      expect([space] { return "space " + std::to_string(space); }, _model.space_stats(space), ask(Op::SpaceStats, {space, 1}));
+      expect([space] { return "space " + std::to_string(space); }, _model.space_stats(space),
+             ask(Op::SpaceStats, {space, 1}));
     }
   }
   try {

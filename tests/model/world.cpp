@@ -80,6 +80,61 @@ uint64_t pointer(uint8_t byte) {
 }  // namespace
 
 std::optional<Exported> World::resolve(const Call& call) {
+  std::optional<Exported> exported = resolve_any(call);
+  return exported.has_value() && _merciful && !is_harmless(*exported) ? std::nullopt : exported;
+}
+
+// An allocation that finds no memory now would cut the account's fund below what it uses.
+bool World::may_shrink_below_use(int64_t index) const {
+  const Account* account = _model.physical.account(index);
+  return account != nullptr && account->used > account->funded &&
+         (account->balance == 0 || _model.physical.zones.free_pages() == 0 ||
+          _model.system.plans[static_cast<size_t>(SystemCall::Commit)].times > 0);
+}
+
+// False for what would most likely end the process.
+bool World::is_harmless(const Exported& call) const {
+  const auto& a = call.arguments;
+  const bool mapping_will_fail = _model.system.plans[static_cast<size_t>(SystemCall::Map)].times > 0;
+  switch (call.op) {
+    case Op::Fund: {
+      const Account* account = _model.physical.account(static_cast<int64_t>(a[1] & 0xff));
+      return account == nullptr || (account->funded <= account->fund && account->fund <= account->max &&
+                                    (call.at(2) <= 0 || account->max - account->fund >= a[2] >> kPageShift));
+    }
+    case Op::SetMaximum: {
+      const Account* account = _model.physical.account(call.at(1));
+      return a[2] == 0 || account == nullptr || a[2] >> kPageShift >= account->fund;
+    }
+    case Op::MmapWithinSpace: {
+      const Space* space = known_space(call.at(0));
+      const bool fits_cache = space == nullptr || !space->cache.has_value() ||
+                              static_cast<int64_t>(a[2] >> kPageShift) <= space->cache->largest();
+      return fits_cache && !may_shrink_below_use(call.int_at(3));
+    }
+    case Op::Mmap:
+      return !mapping_will_fail && a[0] % kPage == 0 && !may_shrink_below_use(call.int_at(3));
+    case Op::MultimapBetween:
+      return !mapping_will_fail;
+    case Op::MunmapFromSpace: {
+      const Space* space = known_space(call.at(0));
+      return space == nullptr || !space->caches_for(call.int_at(3)) ||
+             static_cast<int64_t>(a[2] >> kPageShift) <= space->cache->largest();
+    }
+    case Op::MunmapAliases: {
+      const Space* space = known_space(call.at(0));
+      return space == nullptr || space->premapped_size < space->size;
+    }
+    case Op::CreatePzone:
+      return (a[0] + a[1]) >> kPageShift <= _model.physical.pages.count();
+    case Op::IsFunded:
+      return call.at(0) >> kPageShift < static_cast<int64_t>(_model.physical.pages.count());
+    default:
+      return true;
+  }
+}
+
+std::optional<Exported> World::resolve_any(const Call& call) {
   if (call.op <= Op::SpaceStats) {
     return resolve_space_call(call);
   }
@@ -210,6 +265,20 @@ int64_t World::space_id(uint8_t byte) const {
   return _model.spaces.empty() ? 0 : static_cast<int64_t>(byte % _model.spaces.size());
 }
 
+// A space that has aliases, most of the time.
+int64_t World::usable_space_id(uint8_t byte) const {
+  if (byte >= 236) {
+    return space_id(byte);
+  }
+  std::vector<int64_t> usable;
+  for (size_t id = 0; id < _model.spaces.size(); ++id) {
+    if (_model.spaces[id] != nullptr && !_model.spaces[id]->aliases.empty()) {
+      usable.push_back(static_cast<int64_t>(id));
+    }
+  }
+  return usable.empty() ? space_id(byte) : usable[byte % usable.size()];
+}
+
 int64_t World::alias_id(int64_t space, uint8_t byte) const {
   if (byte >= 252) {
     return static_cast<int64_t>(odd_id(byte));
@@ -264,7 +333,7 @@ const Block* World::block(uint8_t byte, bool stale) const {
 // ---- Spaces
 
 Exported World::mmap_within(const Bytes& a) {
-  const int64_t space = space_id(a[0]);
+  const int64_t space = usable_space_id(a[0]);
   const uint64_t account = a[2] >= 244   ? odd_account(a[2])
                            : a[2] >= 236 ? a[2] % 8u
                                          : unsigned_of(existing_account(a[2]));
@@ -323,7 +392,7 @@ std::optional<Exported> World::multimap_between(const Bytes& a) {
   if (block == nullptr) {
     return std::nullopt;
   }
-  const int64_t target = space_id(a[1]);
+  const int64_t target = usable_space_id(a[1]);
   Exported call = exported(Op::MultimapBetween, {unsigned_of(block->space), address_of(*block, a[3]), block->bytes,
                                                  unsigned_of(target), unsigned_of(alias_id(target, a[2])), 0});
   auto& [source, address, length, to, alias, flags] = call.arguments;
@@ -390,7 +459,10 @@ Exported World::register_space(const Bytes& a) {
 }
 
 std::optional<Exported> World::register_alias(const Bytes& a) {
-  const int64_t space = space_id(a[0]);
+  int64_t space = space_id(a[0]);
+  if (a[0] >= 128 && a[0] < 250 && !_model.spaces.empty()) {  // the newest
+    space = static_cast<int64_t>(_model.spaces.size()) - 1;
+  }
   const Space* known = known_space(space);
   uint64_t base = kArena + _aliases * kAliasStride;
   if (known != nullptr && a[3] >= 252 && !known->map_all) {
@@ -607,7 +679,7 @@ PlannedFault planned_fault(const Call& call) {
     return {SystemCall::Commit, {kCommitErrors[a[1] % kCommitErrors.size()], skip, times}};
   }
   if (a[0] < 160) {
-    return {SystemCall::Punch, {a[1] < 240 ? EINTR : EIO, skip, times}};
+    return {SystemCall::Punch, {a[1] < 250 ? EINTR : EIO, skip, times}};
   }
   if (a[0] < 246) {
     return {SystemCall::Map, {a[1] % 2 == 0 ? ENOMEM : EAGAIN, skip, times > 4 ? 1 : times}};

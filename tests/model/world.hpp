@@ -32,7 +32,8 @@ struct Block {
 class World {
  public:
   // `reserve` makes an address range inaccessible but present, in the process and in the model.
-  World(Model& model, std::function<void(uint64_t, uint64_t)> reserve) : _model(model), _reserve(std::move(reserve)) {}
+  World(Model& model, bool merciful, std::function<void(uint64_t, uint64_t)> reserve)
+      : _model(model), _merciful(merciful), _reserve(std::move(reserve)) {}
 
   // Empty when the call would be without sense here.
   std::optional<Exported> resolve(const Call& call);
@@ -48,6 +49,9 @@ class World {
  private:
   using Bytes = std::array<uint8_t, 4>;
 
+  std::optional<Exported> resolve_any(const Call& call);
+  bool is_harmless(const Exported& call) const;
+  bool may_shrink_below_use(int64_t account) const;
   std::optional<Exported> resolve_space_call(const Call& call);
   std::optional<Exported> resolve_fixed_call(const Call& call);
   std::optional<Exported> resolve_account_call(const Call& call);
@@ -73,6 +77,7 @@ class World {
   std::vector<Block>::const_iterator find(const Exported& call) const;
   uint64_t offset_in(int64_t space, uint64_t address) const;
   int64_t space_id(uint8_t byte) const;
+  int64_t usable_space_id(uint8_t byte) const;
   int64_t alias_id(int64_t space, uint8_t byte) const;
   const Space* known_space(int64_t id) const;
   uint64_t address_in(int64_t space, uint8_t alias, uint8_t page) const;
@@ -82,6 +87,7 @@ class World {
   const Block* block(uint8_t byte, bool stale) const;
 
   Model& _model;
+  bool _merciful;
   std::function<void(uint64_t, uint64_t)> _reserve;
   std::vector<Block> _blocks;
   std::vector<Block> _stale;  // freed ones
