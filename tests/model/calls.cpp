@@ -95,6 +95,12 @@ int digit(char letter) {
 
 using Random = std::mt19937_64;
 
+constexpr uint8_t kManyPages = 255;  // header byte 0: more pages than there can be zones
+
+uint8_t byte_of(uint64_t value) {
+  return static_cast<uint8_t>(value);
+}
+
 uint8_t random_byte(Random& random) {
   return static_cast<uint8_t>(random() >> 56);
 }
@@ -112,6 +118,19 @@ std::discrete_distribution<size_t> favoured_operations(Random& random) {
     weights[index(needed)] = std::max(weights[index(needed)], 8.0);
   }
   return {weights.begin(), weights.end()};
+}
+
+// One call again and again, to reach the limits of the tables.
+void add_burst(Random& random, Sequence& sequence) {
+  constexpr std::array<Op, 6> kOps = {Op::RegisterAlias, Op::RegisterSpace,   Op::RegisterPzone,
+                                      Op::CreatePzone,   Op::MmapWithinSpace, Op::Fund};
+  Call call{kOps[random() % kOps.size()], {}};
+  std::generate(call.arguments.begin(), call.arguments.end(), [&random] { return random_byte(random); });
+  if (call.op == Op::CreatePzone) {
+    call.arguments = {0, 1, 0, byte_of(random())};
+    sequence.header[0] = kManyPages;
+  }
+  sequence.calls.insert(sequence.calls.end(), 40 + random() % 240, call);
 }
 
 }  // namespace
@@ -174,6 +193,9 @@ Sequence random_sequence(uint64_t seed) {
   Sequence sequence;
   std::generate(sequence.header.begin(), sequence.header.end(), [&random] { return random_byte(random); });
   auto operations = favoured_operations(random);
+  if (random() % 48 == 0) {
+    add_burst(random, sequence);
+  }
   const size_t length = 20 + random() % 600;
   for (size_t i = 0; i < length; ++i) {
     Call call{static_cast<Op>(operations(random)), {}};
@@ -185,7 +207,7 @@ Sequence random_sequence(uint64_t seed) {
 
 Configuration configuration(const Header& header) {
   Configuration configuration;
-  configuration.max_pages = 16 + header[0] % 81u;
+  configuration.max_pages = header[0] == kManyPages ? 300 : 16 + header[0] % 81u;
   configuration.initial_pages = header[1] < 32 ? 0 : header[1] % (configuration.max_pages + 1);
   configuration.prefund = (header[2] & 1) != 0;
   configuration.real_memory = (header[2] >> 1) % 16 == 15;
@@ -198,10 +220,6 @@ Configuration configuration(const Header& header) {
 namespace {
 
 constexpr uint8_t kExactFund = 6;  // argument of Fund: grow by exactly so many pages
-
-uint8_t byte_of(uint64_t value) {
-  return static_cast<uint8_t>(value);
-}
 
 // Builds the scene from the header, a byte or two for each of its parts.
 class Scene {

@@ -1,6 +1,7 @@
 #include "player.hpp"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -400,6 +401,7 @@ Ending Player::play(const std::vector<Call>& calls) {
   compare_pages();
   compare_addresses();
   compare_invariants();
+  compare_file();
   return ending();
 }
 
@@ -563,9 +565,13 @@ void Player::compare_address(int64_t space, uint64_t address) {
 void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
   const bool failed = is_failure(call, answer.result);
   switch (call.op) {
+    case Op::MultimapWithin:
+    case Op::MultimapBetween:
+      _is_populated_beyond = true;
+      _is_lawful = _is_lawful && (failed || (call.op == Op::MultimapBetween && _world.knows(call)));
+      break;
     case Op::Mmap:
     case Op::MunmapAliases:
-    case Op::MultimapWithin:
     case Op::UnregisterSpace:
     case Op::RefreshFree:
       _is_lawful = false;
@@ -577,7 +583,6 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
     case Op::RegisterSpace:
       _allowing.abandoned_spaces = _allowing.abandoned_spaces || failed;
       break;
-    case Op::MultimapBetween:
     case Op::MunmapFromSpace:
       _is_lawful = _is_lawful && (failed || _world.knows(call));
       break;
@@ -592,6 +597,16 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
       _allowing.commits_outside_zones = true;
     }
     _is_lawful = _is_lawful && (!fired || planned == SystemCall::Commit || planned == SystemCall::Truncate);
+  }
+}
+
+// The file holds the memory of the committed pages and no other.
+void Player::compare_file() {
+  struct stat file {};
+  if (_configuration.real_memory && !_is_populated_beyond &&
+      fstat(static_cast<int>(ox_pmem_backing_storage_fd_pliv()), &file) == 0) {
+    expect("bytes in the file", _model.system.committed.size() << kPageShift,
+           static_cast<uint64_t>(file.st_blocks) * 512);
   }
 }
 

@@ -46,6 +46,7 @@ class Player {
   void compare_addresses();
   void compare_address(int64_t space, uint64_t address);
   void compare_invariants();
+  void compare_file();
   void note_what_is_allowed(const Exported& call, const Answer& answer);
   Ending ending() const { return _difference.empty() ? Ending::Complete : Ending::Difference; }
 
@@ -60,7 +61,8 @@ class Player {
   std::string _difference;
   uint64_t _calls = 0;
   oxtest::Allowing _allowing;
-  bool _is_lawful = true;  // so far nothing was done that the checker of invariants takes for damage
+  bool _is_populated_beyond = false;  // the system was told to fill pages that were not committed
+  bool _is_lawful = true;             // so far nothing was done that the checker of invariants takes for damage
 };
 
 // Makes the call on the library. errno is set before the call and taken after it.

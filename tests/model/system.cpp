@@ -46,7 +46,11 @@ bool System::fails(SystemCall call) {
 
 long System::commit(uint64_t offset, uint64_t length) {
   requests.push_back({SystemCall::Commit, offset, length});
-  return fails(SystemCall::Commit) ? -1 : 0;
+  if (fails(SystemCall::Commit)) {
+    return -1;
+  }
+  committed.insert(offset >> kPageShift);
+  return 0;
 }
 
 long System::punch(uint64_t offset, uint64_t length) {
@@ -54,6 +58,7 @@ long System::punch(uint64_t offset, uint64_t length) {
   if (fails(SystemCall::Punch)) {
     return -1;
   }
+  committed.erase(offset >> kPageShift);
   return length == 0 ? fail(EINVAL) : 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,7 @@ class System {
 
   FaultPlan plans[kSystemCalls];
   int fired[kSystemCalls] = {};  // failures so far
+  std::set<uint64_t> committed;  // pages of the file that hold memory because they were asked to
 
   // A call begins: errno is as the caller has it.
   void begin(int errno_value);
