@@ -207,7 +207,7 @@ Sequence random_sequence(uint64_t seed) {
 
 Configuration configuration(const Header& header) {
   Configuration configuration;
-  configuration.max_pages = header[0] == kManyPages ? 300 : 16 + header[0] % 81u;
+  configuration.max_pages = header[0] == kManyPages ? 300 : header[0] >= 248 ? 220 : 16 + header[0] % 81u;
   configuration.initial_pages = header[1] < 32 ? 0 : header[1] % (configuration.max_pages + 1);
   configuration.prefund = (header[2] & 1) != 0;
   configuration.real_memory = (header[2] >> 1) % 16 == 15;
@@ -243,8 +243,8 @@ class Scene {
   void call(Op op, std::array<uint8_t, 4> arguments) { _calls.push_back({op, arguments}); }
 
   void account(uint64_t index, uint64_t fund, uint64_t maximum) {
-    call(Op::SetMaximum, {byte_of(index), byte_of(maximum)});
-    call(Op::Fund, {byte_of(index), byte_of(fund), kExactFund});
+    call(Op::SetMaximum, {byte_of(index), byte_of(std::min<uint64_t>(maximum, 223))});
+    call(Op::Fund, {byte_of(index), byte_of(std::min<uint64_t>(fund, 223)), kExactFund});
   }
 
   void accounts() {

@@ -572,8 +572,10 @@ Exported World::fund(const Bytes& a) {
   const uint64_t partial = (a[2] & 0x40) != 0 && a[2] < 248 ? uint64_t{1} << 63 : 0;
   const Account* account = _model.physical.account(static_cast<int64_t>(index));
   const uint64_t room = account != nullptr && account->max > account->fund ? account->max - account->fund : 0;
-  const uint64_t grow = room == 0 ? 0 : 1 + a[1] % std::min<uint64_t>(room, 24);
-  const uint64_t shrink = uint64_t{0} - bytes(1 + a[1] % 16u);
+  const bool by_much = a[1] >= 192;  // more than one chunk of pages, if there are so many
+  const uint64_t grow = room == 0 ? 0 : by_much ? room - a[1] % 4u % room : 1 + a[1] % std::min<uint64_t>(room, 24);
+  const uint64_t spare = account == nullptr ? 0 : std::min(account->balance, account->funded);
+  const uint64_t shrink = uint64_t{0} - bytes(by_much && spare > 3 ? spare - a[1] % 4u : 1 + a[1] % 16u);
   uint64_t amount = 0;
   switch (a[2] % 8u) {
     case 0:
