@@ -193,7 +193,7 @@ Sequence random_sequence(uint64_t seed) {
   Sequence sequence;
   std::generate(sequence.header.begin(), sequence.header.end(), [&random] { return random_byte(random); });
   auto operations = favoured_operations(random);
-  if (random() % 48 == 0) {
+  if (random() % 24 == 0) {
     add_burst(random, sequence);
   }
   const size_t length = 20 + random() % 600;
@@ -260,8 +260,8 @@ class Scene {
   }
 
   void zones() {
-    const uint64_t zones = 1 + _header[6] % 4u;
-    uint64_t left = _pages - (_header[8] % 8u == 7 ? _pages / 4 : 0);
+    const uint64_t zones = _header[6] == 255 ? 0 : 1 + _header[6] % 4u;
+    uint64_t left = _pages - (_header[0] == kManyPages ? 280 : _header[8] % 8u == 7 ? _pages / 4 : 0);
     for (uint64_t zone = 0; zone < zones && left > 0; ++zone) {
       const uint64_t share = zone + 1 == zones ? left : 1 + left * (1 + (_header[7] >> 2 * zone & 3)) / 6;
       const uint64_t all = std::min(share, left);

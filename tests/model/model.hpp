@@ -127,7 +127,6 @@ class Model {
 
   std::vector<uint64_t> _words;
   std::vector<std::unique_ptr<Space>> _lost;  // spaces that could not be set up; their memory stays counted
-  uint64_t _unregistered_bytes = 0;
   struct Leftover {
     uint64_t allocators = 0;
     uint64_t nodes = 0;

@@ -581,7 +581,7 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
       _is_lawful = _is_lawful && !failed && call.arguments[1] <= call.arguments[2] && _world.blocks().empty();
       break;
     case Op::RegisterSpace:
-      _allowing.abandoned_spaces = _allowing.abandoned_spaces || failed;
+      _is_lawful = _is_lawful && !failed;
       break;
     case Op::MunmapFromSpace:
       _is_lawful = _is_lawful && (failed || _world.knows(call));

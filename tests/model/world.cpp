@@ -37,9 +37,9 @@ uint64_t odd_bytes(uint8_t byte) {
 }
 
 // Block sizes: mostly a few pages.
-uint64_t block_bytes(uint8_t byte) {
+uint64_t block_bytes(uint8_t byte, uint8_t oddity) {
   if (byte >= 250) {
-    return odd_bytes(byte);
+    return odd_bytes(oddity);
   }
   constexpr std::array<uint8_t, 16> kPages = {1, 1, 1, 1, 1, 1, 2, 2, 2, 3, 3, 4, 5, 7, 9, 18};
   return bytes(kPages[byte % 16] + (byte >= 240 ? byte % 16u : 0u));
@@ -338,8 +338,8 @@ Exported World::mmap_within(const Bytes& a) {
                            : a[2] >= 236 ? a[2] % 8u
                                          : unsigned_of(existing_account(a[2]));
   return exported(Op::MmapWithinSpace,
-                  {unsigned_of(space), unsigned_of(alias_id(space, static_cast<uint8_t>(a[0] / 3))), block_bytes(a[1]),
-                   account, mapping_flags(a[3])});
+                  {unsigned_of(space), unsigned_of(alias_id(space, static_cast<uint8_t>(a[0] / 3))),
+                   block_bytes(a[1], a[2]), account, mapping_flags(a[3])});
 }
 
 std::optional<Exported> World::munmap_from(const Bytes& a) {
