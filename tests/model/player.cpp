@@ -2,7 +2,9 @@
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -402,6 +404,7 @@ Ending Player::play(const std::vector<Call>& calls) {
   compare_addresses();
   compare_invariants();
   compare_file();
+  compare_memory();
   return ending();
 }
 
@@ -607,6 +610,27 @@ void Player::compare_file() {
       fstat(static_cast<int>(ox_pmem_backing_storage_fd_pliv()), &file) == 0) {
     expect("bytes in the file", _model.system.committed.size() << kPageShift,
            static_cast<uint64_t>(file.st_blocks) * 512);
+  }
+}
+
+// Every page of the file gets a mark of its own; then each mapped address must show the mark of the page that the model
+// sees there. The last comparison: the marks fill the file.
+void Player::compare_memory() {
+  const int file = static_cast<int>(ox_pmem_backing_storage_fd_pliv());
+  const auto mark = [](uint64_t offset) { return offset ^ 0x5bd1e995; };
+  const uint64_t end = std::min(_model.physical.pages.file_size, 2 * _model.physical.pages.count() << kPageShift);
+  for (uint64_t offset = 0; offset < end; offset += kPage) {
+    const uint64_t value = mark(offset);
+    expect("bytes of a mark", int64_t{sizeof value},
+           int64_t{pwrite(file, &value, sizeof value, static_cast<off_t>(offset))});
+  }
+  for (const auto& [page, mapping] : _model.system.mappings()) {
+    if (mapping.offset < end && (mapping.protection & PROT_READ) != 0) {
+      const uint64_t address = page << kPageShift;
+      uint64_t value = 0;
+      std::memcpy(&value, as_pointer(address), sizeof value);
+      expect([address] { return "memory at " + text_of(address); }, mark(mapping.offset), value);
+    }
   }
 }
 

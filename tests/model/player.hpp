@@ -47,6 +47,7 @@ class Player {
   void compare_address(int64_t space, uint64_t address);
   void compare_invariants();
   void compare_file();
+  void compare_memory();
   void note_what_is_allowed(const Exported& call, const Answer& answer);
   Ending ending() const { return _difference.empty() ? Ending::Complete : Ending::Difference; }
 

@@ -78,7 +78,7 @@ long System::map_file(uint64_t address, uint64_t length, int protection, uint64_
   if (address % kSmallPage != 0 || length == 0) {
     return fail(EINVAL);
   }
-  set_protection(address, length, protection);
+  put(address, length, protection, offset);
   return 0;
 }
 
@@ -98,7 +98,7 @@ long System::unmap(uint64_t address, uint64_t length) {
   if (is_bad_range(address, length)) {
     return fail(EINVAL);
   }
-  set_protection(address, length, -1);
+  remove(address, length);
   return 0;
 }
 
@@ -112,11 +112,11 @@ long System::reserve(uint64_t address, uint64_t length, int flags) {
     return fail(EINVAL);
   }
   for (uint64_t at = address; at < address + length; at += kPage) {
-    if (_protections.contains(at >> kPageShift)) {
+    if (_mappings.contains(at >> kPageShift)) {
       return 1;
     }
   }
-  set_protection(address, length, PROT_NONE);
+  put(address, length, PROT_NONE, kNone);
   return 0;
 }
 
@@ -125,22 +125,22 @@ long System::protect(uint64_t address, uint64_t length, int protection) {
     return fail(EINVAL);
   }
   for (uint64_t at = address; at < address + length; at += kPage) {
-    const auto page = _protections.find(at >> kPageShift);
-    if (page == _protections.end()) {
+    const auto page = _mappings.find(at >> kPageShift);
+    if (page == _mappings.end()) {
       return fail(ENOMEM);
     }
-    page->second = protection;
+    page->second.protection = protection;
   }
   return 0;
 }
 
 void System::put_reservation(uint64_t address, uint64_t length) {
-  set_protection(address, length, PROT_NONE);
+  put(address, length, PROT_NONE, kNone);
 }
 
 int System::protection_at(uint64_t address) const {
-  const auto page = _protections.find(address >> kPageShift);
-  return page == _protections.end() ? -1 : page->second;
+  const auto page = _mappings.find(address >> kPageShift);
+  return page == _mappings.end() ? -1 : page->second.protection;
 }
 
 bool System::is_readable(uint64_t address) const {
@@ -148,14 +148,15 @@ bool System::is_readable(uint64_t address) const {
   return protection != -1 && (protection & PROT_READ) != 0;
 }
 
-void System::set_protection(uint64_t address, uint64_t length, int protection) {
-  const uint64_t end = address + length;
-  for (uint64_t at = address & ~(kPage - 1); at < end; at += kPage) {
-    if (protection == -1) {
-      _protections.erase(at >> kPageShift);
-    } else {
-      _protections[at >> kPageShift] = protection;
-    }
+void System::put(uint64_t address, uint64_t length, int protection, uint64_t offset) {
+  for (uint64_t at = 0; at < length; at += kPage) {
+    _mappings[(address + at) >> kPageShift] = {protection, offset == kNone ? kNone : offset + at};
+  }
+}
+
+void System::remove(uint64_t address, uint64_t length) {
+  for (uint64_t at = address & ~(kPage - 1); at < address + length; at += kPage) {
+    _mappings.erase(at >> kPageShift);
   }
 }
 

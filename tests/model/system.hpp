@@ -109,15 +109,22 @@ class System {
   // The scene puts an inaccessible range there.
   void put_reservation(uint64_t address, uint64_t length);
 
+  struct Mapping {
+    int protection;
+    uint64_t offset;  // in the file; kNone for memory of another kind
+  };
+  const std::map<uint64_t, Mapping>& mappings() const { return _mappings; }
+
   // Protection of the page at an address; -1 = nothing there.
   int protection_at(uint64_t address) const;
   bool is_readable(uint64_t address) const;
 
  private:
   bool fails(SystemCall call);
-  void set_protection(uint64_t address, uint64_t length, int protection);
+  void put(uint64_t address, uint64_t length, int protection, uint64_t offset);
+  void remove(uint64_t address, uint64_t length);
 
-  std::map<uint64_t, int> _protections;  // by page number; a page only partly mapped counts as not mapped
+  std::map<uint64_t, Mapping> _mappings;  // by page number; a page only partly mapped counts as not mapped
 };
 
 }  // namespace oxmodel
