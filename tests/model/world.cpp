@@ -614,10 +614,12 @@ Exported World::set_credit(const Bytes& a) {
 Exported World::create_pzone(const Bytes& a) {
   const uint64_t total = _model.physical.pages.count();
   uint64_t next = 0;
+  bool has_surplus = false;  // initial pages that belong to no zone: no other zone may be laid over them
   for (const auto& zone : _model.physical.zones.zones) {
     next = std::max(next, zone->start + std::max(zone->max, zone->watermark));
+    has_surplus = has_surplus || zone->watermark > zone->max;
   }
-  const uint64_t start = a[0] < 8 ? next + a[0] : a[0] < 200 ? next : a[0] % 96u;
+  const uint64_t start = a[0] < 8 ? next + a[0] : a[0] < 200 || has_surplus ? next : a[0] % 96u;
   const uint64_t room = start < total ? total - start : 1;
   const uint64_t size = a[1] < 100 ? a[1] : a[1] < 248 ? 1 + a[1] % room : 0;
   const uint64_t left = room > size ? room - size : 0;
