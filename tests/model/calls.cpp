@@ -133,6 +133,19 @@ void add_burst(Random& random, Sequence& sequence) {
   sequence.calls.insert(sequence.calls.end(), 40 + random() % 240, call);
 }
 
+// Memory runs short again and again while pages are taken one by one: zones must find pages that are committed already,
+// also in the middle of a range.
+void add_shortage(Random& random, Sequence& sequence) {
+  sequence.calls.push_back({Op::Fund, {0, byte_of(random() % 16), 0}});
+  for (uint64_t left = 10 + random() % 60; left > 0; --left) {
+    sequence.calls.push_back({Op::Fault, {}});
+    sequence.calls.push_back({Op::MmapWithinSpace, {random_byte(random), byte_of(random() % 6), random_byte(random)}});
+    if (random() % 2 == 0) {
+      sequence.calls.push_back({Op::MunmapFromSpace, {random_byte(random)}});
+    }
+  }
+}
+
 }  // namespace
 
 const char* name(Op op) {
@@ -195,6 +208,9 @@ Sequence random_sequence(uint64_t seed) {
   auto operations = favoured_operations(random);
   if (random() % 24 == 0) {
     add_burst(random, sequence);
+  }
+  if (random() % 16 == 0) {
+    add_shortage(random, sequence);
   }
   const size_t length = 20 + random() % 600;
   for (size_t i = 0; i < length; ++i) {
