@@ -1,0 +1,68 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "calls.hpp"
+#include "model.hpp"
+
+// Plays sequences against the library and the model side by side. The library's state lasts as long as the process, so
+// each sequence runs in a child of its own.
+namespace oxmodel {
+
+enum class Ending : uint8_t {
+  Complete,    // all calls made
+  Died,        // the library ended the process where the model said so
+  Stuck,       // the next call would have waited forever
+  Unlawful,    // the next call would have broken the contract
+  Difference,  // library and model disagree
+};
+
+inline constexpr size_t kEndings = 5;
+
+struct Outcome {
+  Ending ending = Ending::Complete;
+  uint64_t calls = 0;      // calls made, those that set the scene included
+  std::string difference;  // what differs, and where
+  std::string script;      // the calls made, in readable form (asked for only)
+};
+
+struct Totals {
+  std::array<uint64_t, kOps> calls{};
+  std::array<uint64_t, kOps> failures{};
+  std::array<uint64_t, kEndings> endings{};
+  uint64_t sum = 0;
+  std::map<std::string, uint64_t> deaths;  // by message
+};
+
+class Driver {
+ public:
+  Driver();
+  ~Driver();
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+
+  Outcome run(const Sequence& sequence, bool with_script = false);
+
+  // The shortest sequence found that still differs.
+  Sequence shrink(const Sequence& sequence, std::chrono::seconds patience);
+
+  const Totals& totals() const { return _totals; }
+
+ private:
+  struct Shared;
+
+  void play(const Sequence& sequence, bool with_script);
+  Outcome judge(int status) const;
+  std::string error_output() const;
+  void learn_sizes();
+
+  Shared* _shared;
+  int _stderr;  // file that takes what a child says on standard error
+  Totals _totals;
+};
+
+}  // namespace oxmodel
