@@ -103,9 +103,16 @@ void count_and_spoil(int) {
   }
 }
 
-void install(int signal) {
+// One that keeps errno: what runs between a system call and the look at its errno has to.
+void count_alone(int signal) {
+  const int kept = errno;
+  count_and_spoil(signal);
+  errno = kept;
+}
+
+void install(int signal, void (*handler)(int) = count_and_spoil) {
   struct sigaction action {};
-  action.sa_handler = count_and_spoil;
+  action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   ASSERT_EQ(sigaction(signal, &action, nullptr), 0);
 }
@@ -389,8 +396,8 @@ TEST_F(Masks, OfOtherThreads_AreTheirOwnDuringACommit) {
 class SignalStorm {
  public:
   explicit SignalStorm(pthread_t target) {
-    install(SIGUSR1);
-    install(SIGALRM);
+    install(SIGUSR1, count_alone);
+    install(SIGALRM, count_alone);
     const itimerval often{{0, 100}, {0, 100}};
     setitimer(ITIMER_REAL, &often, nullptr);
     _sender = std::thread([this, target] {
