@@ -1273,4 +1273,23 @@ TEST_F(MappingTest, MapAndUnmap_SeveralThreadsAtOnce_CountersAddUp) {
   EXPECT_EQ(PMEM::ref_count_for_page(4), 0U);
 }
 
+TEST_F(PmemTest, SetAccountMax_TwoThreadsAtOnce_TheFileGrowsByBoth) {
+  constexpr unsigned long kRounds = 2000;
+  start(64);
+  const unsigned long before = PMEM_BackingStorage::size();
+  Faults::on_ftruncate64 = [](int, off64_t) { return oxtest::real::sched_yield(); };
+  std::atomic<long> failed = 0;
+  const auto work = [&](int index) {
+    for (unsigned long i = 0; i < kRounds; ++i) {
+      failed += PMEM::set_account_max(index, kPage) == 0 ? 0 : 1;
+    }
+  };
+  std::thread first(work, 1);
+  std::thread second(work, 2);
+  first.join();
+  second.join();
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(PMEM_BackingStorage::size(), before + 2 * kRounds * kPage);
+}
+
 }  // namespace
