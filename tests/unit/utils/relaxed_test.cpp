@@ -137,4 +137,27 @@ TEST(RelaxedTest, RaiseTo_TwoThreads_EndsAtTheHighestAndNeverFalls) {
   EXPECT_EQ(falls, 0);
 }
 
+// What was done before a change is seen by whoever sees the number so: a claim that the thread sanitizer checks.
+TEST(RelaxedTest, Acquire_AfterEachReadModifyWrite_SeesWhatWasDoneBefore) {
+  long plain = 0;
+  Relaxed<long> turn;
+  const auto hand_over = [&](auto change) {
+    const long last = turn;
+    std::thread other([&] {
+      plain += 1;
+      change();
+    });
+    while (turn.acquire() == last) {
+    }
+    EXPECT_EQ(plain, 1);
+    plain = 0;
+    other.join();
+  };
+  hand_over([&] { turn.add(5); });
+  hand_over([&] { turn.subtract(2); });
+  hand_over([&] { turn.exchange(7); });
+  hand_over([&] { turn.raise_to(9); });
+  EXPECT_EQ(turn, 9);
+}
+
 }  // namespace

@@ -485,4 +485,13 @@ TEST_F(PageCacheTest, TwoThreads_CachingTakingAndFlushing_NoBlockLostOrHandedOut
   EXPECT_EQ(free_ranges(*_manager), (Ranges{{0, kPages}}));
 }
 
+TEST_F(PageCacheTest, ResetWatermarks_FewerCachedThanAtMost_HighStartsFromNowToo) {
+  cache_block(2);
+  cache_block(3);
+  ASSERT_NE(_cache.allocate_block_from_cache(3), -1);
+  EXPECT_EQ(state(), (CacheState{2, 0, 5, 1, 0, 0, 0}));
+  EXPECT_EQ(_cache.reset_watermarks(kAccount), 0);
+  EXPECT_EQ(state(), (CacheState{2, 2, 2, 1, 0, 0, 0}));
+}
+
 }  // namespace
