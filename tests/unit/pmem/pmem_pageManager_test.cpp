@@ -1271,4 +1271,16 @@ TEST_F(PageManagerTest, TestUncommitChunkAndZone_WorkOnTheZoneAlone) {
   }
 }
 
+// The counters are read one after the other, so that a page on its way may be seen on two lists.
+TEST_F(PageManagerTest, GetZoneStats_PageSeenOnBothLists_AllocatedIsNotNegative) {
+  start_manager(64);
+  ASSERT_EQ(add_zone(0, 12, 20, true), 0);
+  zone(0).allocator()->increment_defunded_pages(1);
+  ox_pliv_pzone_stats_t stats{};
+  ASSERT_EQ(PMEM_PageManager::get_zone_stats(0, &stats), 0);
+  EXPECT_EQ(stats.free_bytes, 12 * kPage);
+  EXPECT_EQ(stats.defunded_bytes, kPage);
+  EXPECT_EQ(stats.allocated_bytes, 0UL);
+}
+
 }  // namespace
