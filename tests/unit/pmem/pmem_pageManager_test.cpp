@@ -936,6 +936,10 @@ TEST_F(PageManagerTest, CommitPages_SeveralThreadsAtOnce_NeverAddAPageTwice) {
   start_manager(1200);
   ASSERT_EQ(add_zone(0, 1, 500, false), 0);
   ASSERT_EQ(add_zone(500, 1, 500, true), 1);
+  Faults::on_fallocate64 = [commit = Faults::on_fallocate64](int fd, int mode, off64_t offset, off64_t length) {
+    oxtest::real::sched_yield();  // so that the threads meet in the middle of a growth
+    return commit(fd, mode, offset, length);
+  };
   std::atomic<unsigned long> total{0};
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 4; ++thread) {
