@@ -859,7 +859,9 @@ TEST_F(BackingStorageCommitTest, MapRegion_MadviseMode_AdvisesTheRangeAndIgnores
     Faults::fail(Call::madvise, EINVAL, 1);
     EXPECT_EQ(Storage::map_region(place, kPage, 2 * kPage, PROT_READ, false), 0);
     EXPECT_EQ(madvises, (std::vector<AdviseCall>{{place, 2 * kPage, MADV_HUGEPAGE}}));
+    errno = ENOTTY;
     EXPECT_EQ(Storage::map_region(place, kPage, kPage, PROT_READ, false), 0);
+    EXPECT_EQ(errno, ENOTTY) << "that of the refused advice must not show";
     real::munmap(place, 2 * kPage);
   }
 }
