@@ -1138,31 +1138,4 @@ TEST_F(RecordTest, Print_RecordLockHeld_WaitsForItAndReleasesIt) {
   EXPECT_EQ(lock_byte(page), 0x40);
 }
 
-// The page may gain or lose its memory between the first look at its state and the lock.
-TEST_P(FundIfNecessaryTest, Fund_StateChangesUntilTheLockIsHeld_IsLookedAtAgain) {
-  page->mark_not_funded();
-  std::atomic<long> wrong = 0;
-  Faults::on_fallocate64 = [&](int, int, off64_t, off64_t) {
-    wrong += page->is_locked() && page->is_not_funded() ? 0 : 1;
-    return 0;
-  };
-  std::atomic<bool> done = false;
-  std::thread other([&] {
-    for (int i = 0; i < 200000; ++i) {
-      page->lock();
-      page->is_free() ? page->mark_not_funded() : page->mark_free();
-      page->unlock();
-    }
-    done = true;
-  });
-  while (!done) {
-    bool funded = false;
-    const long result =
-        GetParam() ? page->fund_if_necessary_for_allocate(funded) : page->fund_if_necessary_for_init(funded);
-    wrong += result == 0 ? 0 : 1;
-  }
-  other.join();
-  EXPECT_EQ(wrong, 0);
-}
-
 }  // namespace
