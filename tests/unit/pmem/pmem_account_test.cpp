@@ -561,4 +561,14 @@ TEST_F(FundPhysicalTest, FundPhysical_SeveralThreadsAtOnce_EveryPageIsFundedOnce
   }
 }
 
+TEST_F(FundPhysicalTest, FundPhysical_OutOfMemoryWhileAnotherFunds_LeavesTheFund) {
+  prepare(8, 12);
+  fail_commit_of(6, ENOSPC);
+  const PMEM_Account::FundingScope another_thread(account_);
+  EXPECT_EQ(account_.fund_physical(10), 10);
+  EXPECT_EQ(describe(account_), "fund 12 funded 6 balance 12 [12,12] used 0 [0,0] peak 12");
+  expect_log({});
+  EXPECT_EQ(sleeps_.size(), 1U);
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -487,7 +488,14 @@ TEST_F(BackingStorageSignalTest, CommitMemoryBlock_AnotherThreadsMask_IsNotTouch
     }
     return real::fallocate64(fd, mode, offset, length);
   };
-  std::thread worker([] { EXPECT_EQ(Storage::commit_memory_block(0), 0); });
+  // A thread that is being made has its maker's signals blocked for a moment.
+  std::atomic<bool> made{false};
+  std::thread worker([&] {
+    made.wait(false);
+    EXPECT_EQ(Storage::commit_memory_block(0), 0);
+  });
+  made = true;
+  made.notify_one();
   worker.join();
   EXPECT_EQ(mask_line, "SigBlk:\t0000000000000001");
 }
@@ -851,7 +859,9 @@ TEST_F(BackingStorageCommitTest, MapRegion_MadviseMode_AdvisesTheRangeAndIgnores
     Faults::fail(Call::madvise, EINVAL, 1);
     EXPECT_EQ(Storage::map_region(place, kPage, 2 * kPage, PROT_READ, false), 0);
     EXPECT_EQ(madvises, (std::vector<AdviseCall>{{place, 2 * kPage, MADV_HUGEPAGE}}));
+    errno = ENOTTY;
     EXPECT_EQ(Storage::map_region(place, kPage, kPage, PROT_READ, false), 0);
+    EXPECT_EQ(errno, ENOTTY) << "that of the refused advice must not show";
     real::munmap(place, 2 * kPage);
   }
 }

@@ -103,8 +103,11 @@ TEST_F(BackingStorageTest, AtLoad_NoFileAndUnknownSizes) {
 
 TEST_F(BackingStorageTest, Initialize_BothKindsOfHugePages_RefusedBeforeAnythingHappens) {
   const std::string before = state();
-  EXPECT_EQ(start({.explicit_pages = true, .transparent_pages = true}), -1);
-  EXPECT_EQ(LogCapture::lines(), (Lines{{1, "Cannot use explicit huge pages and transparent huge pages together"}}));
+  for (const char* const path : {static_cast<const char*>(nullptr), "/dev/shm"}) {
+    LogCapture::clear();
+    EXPECT_EQ(start({.explicit_pages = true, .transparent_pages = true, .path = path}), -1);
+    EXPECT_EQ(LogCapture::lines(), (Lines{{1, "Cannot use explicit huge pages and transparent huge pages together"}}));
+  }
   EXPECT_EQ(state(), before);
   EXPECT_EQ(Faults::count(Call::syscall), 0);
   EXPECT_EQ(Faults::count(Call::access), 0);

@@ -1291,4 +1291,13 @@ TYPED_TEST(FreeListTest, Threads_AllocateFreeUncommitAndRecommit_NoPageIsLostOrD
   EXPECT_EQ(this->drain_needs_pretouch_list().size(), linked);
 }
 
+TEST_F(PageAllocatorTest, RecommitMemoryChunk_AllButTheLastPageOfARange_GivesThatPageBack) {
+  defund(list, 10, 12);
+  unsigned long recommitted = 77;
+  EXPECT_EQ(list.recommit_memory_chunk(2, recommitted), 0);
+  EXPECT_EQ(list.handed_over, sequence(10, 11));
+  EXPECT_EQ(ranges_of(*list.defunded_list()), "[12,13) ");
+  EXPECT_EQ(list.defunded_pages(), 1U);
+}
+
 }  // namespace

@@ -488,18 +488,11 @@ TEST_P(CounterTest, Add_AnyDelta_AnswersTheNewCountOrRefusesToFallBelowZero) {
 }
 
 TEST_P(CounterTest, Add_TwoThreads_LosesNothing) {
-  constexpr int kRounds = 100000;
-  const auto work = [&] {
-    for (int i = 0; i < kRounds; ++i) {
-      add(3);
-      add(-2);
-    }
-  };
-  std::thread first(work);
-  std::thread second(work);
-  first.join();
-  second.join();
-  EXPECT_EQ(count(), 2U * kRounds);
+  const long rounds = oxtest::in_two_threads_at_once(100000, [&] {
+    add(3);
+    add(-2);
+  });
+  EXPECT_EQ(count(), rounds);
 }
 
 TEST_F(RecordTest, FetchResetPopulatedRefCount_AnyCount_AnswersItAndLeavesZero) {

@@ -835,7 +835,7 @@ TEST_F(MappingTest, PopulateMaps_PageLosesItsMemoryWhileWaiting_IsNotTouched) {
     const int yields = Faults::count(Call::sched_yield);
     std::thread populating([this] { EXPECT_EQ(PMEM::populate_maps(region_, 4, 1, false), 0); });
     while (Faults::count(Call::sched_yield) == yields) {  // until it waits for the record's lock
-      std::this_thread::yield();
+      oxtest::real::sched_yield();                        // this thread's own yields don't count
     }
     EXPECT_EQ(PMEM::populated_ref_count_for_page(4), 0U);
     if (loses) {
@@ -1271,6 +1271,25 @@ TEST_F(MappingTest, MapAndUnmap_SeveralThreadsAtOnce_CountersAddUp) {
   EXPECT_EQ(PMEM::get_total_populated_size(), 12000 * kPage);
   EXPECT_EQ(PMEM::ref_count_for_page(13), 1200U);
   EXPECT_EQ(PMEM::ref_count_for_page(4), 0U);
+}
+
+TEST_F(PmemTest, SetAccountMax_TwoThreadsAtOnce_TheFileGrowsByBoth) {
+  constexpr unsigned long kRounds = 2000;
+  start(64);
+  const unsigned long before = PMEM_BackingStorage::size();
+  Faults::on_ftruncate64 = [](int, off64_t) { return oxtest::real::sched_yield(); };
+  std::atomic<long> failed = 0;
+  const auto work = [&](int index) {
+    for (unsigned long i = 0; i < kRounds; ++i) {
+      failed += PMEM::set_account_max(index, kPage) == 0 ? 0 : 1;
+    }
+  };
+  std::thread first(work, 1);
+  std::thread second(work, 2);
+  first.join();
+  second.join();
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(PMEM_BackingStorage::size(), before + 2 * kRounds * kPage);
 }
 
 }  // namespace

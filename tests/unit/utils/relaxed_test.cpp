@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <thread>
 
+#include "race.hpp"
+
 namespace {
 
 using namespace oxpliv;
+using oxtest::in_two_threads_at_once;
 
 void in_two_threads(auto work) {
   std::thread first(work);
@@ -86,37 +89,31 @@ TEST(RelaxedTest, Watermarks_LowerEqualAndHigher_MoveOneWayOnly) {
 
 TEST(RelaxedTest, AddAndSubtract_TwoThreads_LoseNothing) {
   Relaxed<long> number;
-  in_two_threads([&] {
-    for (int i = 0; i < 200000; ++i) {
-      number.add(3);
-      number.subtract(1);
-    }
+  const long rounds = in_two_threads_at_once(100000, [&] {
+    number.add(3);
+    number.subtract(1);
   });
-  EXPECT_EQ(number, 800000);
+  EXPECT_EQ(number, 2 * rounds);
 }
 
 TEST(RelaxedTest, CompareExchange_TwoThreads_LosesNothing) {
   Relaxed<long> number;
-  in_two_threads([&] {
-    for (int i = 0; i < 100000; ++i) {
-      long seen = number;
-      while (!number.compare_exchange(seen, seen + 1)) {
-      }
+  const long rounds = in_two_threads_at_once(100000, [&] {
+    long seen = number;
+    while (!number.compare_exchange(seen, seen + 1)) {
     }
   });
-  EXPECT_EQ(number, 200000);
+  EXPECT_EQ(number, rounds);
 }
 
 TEST(RelaxedTest, Exchange_TwoThreads_EachValueIsTakenOnce) {
   Relaxed<long> number;
   Relaxed<long> taken;
-  in_two_threads([&] {
-    for (int i = 0; i < 100000; ++i) {
-      number.add(1);
-      taken.add(number.exchange(0));
-    }
+  const long rounds = in_two_threads_at_once(100000, [&] {
+    number.add(1);
+    taken.add(number.exchange(0));
   });
-  EXPECT_EQ(taken + number, 200000);
+  EXPECT_EQ(taken + number, rounds);
 }
 
 TEST(RelaxedTest, RaiseTo_TwoThreads_EndsAtTheHighestAndNeverFalls) {
@@ -135,6 +132,29 @@ TEST(RelaxedTest, RaiseTo_TwoThreads_EndsAtTheHighestAndNeverFalls) {
   });
   EXPECT_EQ(number, 100000);
   EXPECT_EQ(falls, 0);
+}
+
+// What was done before a change is seen by whoever sees the number so: a claim that the thread sanitizer checks.
+TEST(RelaxedTest, Acquire_AfterEachReadModifyWrite_SeesWhatWasDoneBefore) {
+  long plain = 0;
+  Relaxed<long> turn;
+  const auto hand_over = [&](auto change) {
+    const long last = turn;
+    std::thread other([&] {
+      plain += 1;
+      change();
+    });
+    while (turn.acquire() == last) {
+    }
+    EXPECT_EQ(plain, 1);
+    plain = 0;
+    other.join();
+  };
+  hand_over([&] { turn.add(5); });
+  hand_over([&] { turn.subtract(2); });
+  hand_over([&] { turn.exchange(7); });
+  hand_over([&] { turn.raise_to(9); });
+  EXPECT_EQ(turn, 9);
 }
 
 }  // namespace

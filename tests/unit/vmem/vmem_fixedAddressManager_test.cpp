@@ -24,14 +24,17 @@ class FixedAddressManagerTest : public FaultTest {
 
   void SetUp() override {
     ASSERT_TRUE(bring_up_pmem(16, 14));
-    ASSERT_EQ(PMEM::create_zone(0, run_zone_pages(), run_zone_pages(), true), 0);
-    ASSERT_EQ(PMEM::create_zone(8, 8, 8, false), 1);
+    create_zones();
     ASSERT_EQ(Manager::initialize(), 0);
     base = reserve(kTracked + 1);
     ASSERT_EQ(Table::add_address_range_to_track(base, kTracked * kPage), 0);
     LogCapture::clear();
   }
 
+  virtual void create_zones() const {
+    ASSERT_EQ(PMEM::create_zone(0, run_zone_pages(), run_zone_pages(), true), 0);
+    ASSERT_EQ(PMEM::create_zone(8, 8, 8, false), 1);
+  }
   virtual unsigned long run_zone_pages() const { return 8; }
 
   char* at(unsigned long page) const { return base + page * kPage; }
@@ -376,6 +379,22 @@ TEST(FixedAddressBlockTest, Initialize_ValueWithoutFlagOrPlaceWithFlag_Dies) {
   EXPECT_DEATH(block.initialize(nullptr, kPage, false, 0, &place, 0), death);
   EXPECT_DEATH(block.initialize(nullptr, kPage, true, -1, &place, 0), death);
   EXPECT_DEATH(block.initialize(nullptr, kPage, true, 5, &place, 0), death);
+}
+
+// The zone of single pages comes first.
+class SinglesFirstTest : public FixedAddressManagerTest {
+ protected:
+  void create_zones() const override {
+    ASSERT_EQ(PMEM::create_zone(8, 8, 8, false), 0);
+    ASSERT_EQ(PMEM::create_zone(0, 8, 8, true), 1);
+  }
+};
+
+TEST_F(SinglesFirstTest, Allocate_OnePage_ZonesInTheirOrderWhateverTheyHandOut) {
+  ASSERT_EQ(Manager::allocate(at(0), kPage, PROT_READ, 2), 0);
+  EXPECT_EQ(record(0)->pmem_page_offset(), 8);
+  ASSERT_EQ(Manager::allocate(at(1), 2 * kPage, PROT_READ, 2), 0);
+  EXPECT_EQ(record(1)->pmem_page_offset(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "vmem/vmem_perSizeListPageCache.hpp"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <thread>
@@ -483,6 +484,38 @@ TEST_F(PageCacheTest, TwoThreads_CachingTakingAndFlushing_NoBlockLostOrHandedOut
   EXPECT_EQ(_cache.flush_cache(kAll), 0);
   EXPECT_EQ(used_pages(), 0);
   EXPECT_EQ(free_ranges(*_manager), (Ranges{{0, kPages}}));
+}
+
+TEST_F(PageCacheTest, ResetWatermarks_FewerCachedThanAtMost_HighStartsFromNowToo) {
+  cache_block(2);
+  cache_block(3);
+  ASSERT_NE(_cache.allocate_block_from_cache(3), -1);
+  EXPECT_EQ(state(), (CacheState{2, 0, 5, 1, 0, 0, 0}));
+  EXPECT_EQ(_cache.reset_watermarks(kAccount), 0);
+  EXPECT_EQ(state(), (CacheState{2, 2, 2, 1, 0, 0, 0}));
+}
+
+// Beside the numbers themselves, the thread sanitizer checks that they are read under the cache's mutex.
+TEST_F(PageCacheTest, GetStats_WhileBlocksComeAndGo_AnswersNumbersThatWereTrue) {
+  constexpr uint64_t kRounds = 2000;
+  cache_block(2);
+  std::atomic<bool> done = false;
+  std::thread other([&] {
+    for (uint64_t round = 0; round < kRounds; ++round) {
+      EXPECT_EQ(_cache.free_block_to_cache(_cache.allocate_block_from_cache(2), 2), 0);
+    }
+    done = true;
+  });
+  uint64_t hits = 0;
+  do {
+    ox_pliv_space_stats_t stats{};
+    _cache.get_stats(&stats);
+    EXPECT_TRUE(stats.cached_bytes == 0 || stats.cached_bytes == 2 * kPage) << stats.cached_bytes;
+    EXPECT_GE(stats.cache_hits, hits);
+    hits = stats.cache_hits;
+  } while (!done);
+  other.join();
+  EXPECT_EQ(state(), (CacheState{2, 0, 2, kRounds, 0, 0, 0}));
 }
 
 }  // namespace
