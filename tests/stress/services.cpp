@@ -13,6 +13,7 @@ namespace {
 
 // More than anything here can come to. A number that went below zero is larger.
 constexpr uint64_t kTooMuch = uint64_t{1} << 46;
+constexpr uint64_t kGrowthWhileFilling = 64;  // pages
 
 bool is_plausible(uint64_t bytes) {
   return bytes < kTooMuch && bytes % kPage == 0;
@@ -145,6 +146,9 @@ void Monitor::step(Random& random) {
 void Resizer::step(Random& random, const Phase& phase) {
   const int account = phase.filling ? kCachedAccount : static_cast<int>(between(random, kCachedAccount, kLoner));
   const uint64_t count = between(random, 1, 12);
+  if (phase.filling && (_grown_while_filling += count) > kGrowthWhileFilling) {
+    return;  // the accounts that come next need some of the room
+  }
   _plenty = one_in(random, 100) ? !_plenty : _plenty;
   const bool shrink = !phase.filling && one_in(random, _plenty ? 4 : 2);
   const bool partial = one_in(random, 2);

@@ -102,6 +102,7 @@ class Resizer {
  private:
   Blocks& _blocks;
   bool _plenty = true;
+  uint64_t _grown_while_filling = 0;
 };
 
 void pretouch(Random& random, Blocks& blocks);
