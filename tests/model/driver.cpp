@@ -62,7 +62,7 @@ struct Driver::Shared {
   }
 };
 
-Driver::Driver() {
+Driver::Driver(InChild in_child) : _in_child(in_child) {
   void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) {
     std::perror("mmap");
@@ -88,6 +88,7 @@ void Driver::learn_sizes() {
 }
 
 void Driver::play(const Sequence& sequence, bool with_script) {
+  _in_child.first();
   dup2(_stderr, STDERR_FILENO);
   const rlimit no_core{0, 0};
   setrlimit(RLIMIT_CORE, &no_core);
@@ -124,6 +125,7 @@ void Driver::play(const Sequence& sequence, bool with_script) {
   calls.insert(calls.end(), sequence.calls.begin(), sequence.calls.end());
   _shared->ending = player.start() ? player.play(calls) : Ending::Difference;
   copy_text(_shared->difference, sizeof _shared->difference, player.difference());
+  _in_child.last();
   leave();
 }
 

@@ -38,9 +38,15 @@ struct Totals {
   std::map<std::string, uint64_t> deaths;  // by message
 };
 
+// What a child does first and last of all, besides its sequence. The last is left out where the library ends the process.
+struct InChild {
+  void (*first)() = [] {};
+  void (*last)() = [] {};
+};
+
 class Driver {
  public:
-  Driver();
+  explicit Driver(InChild in_child = {});
   ~Driver();
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
@@ -60,6 +66,7 @@ class Driver {
   std::string error_output() const;
   void learn_sizes();
 
+  InChild _in_child;
   Shared* _shared;
   int _stderr;  // file that takes what a child says on standard error
   Totals _totals;
