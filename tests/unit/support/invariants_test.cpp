@@ -21,7 +21,10 @@ namespace oxtest {
 OXTEST_EXPOSE(PMEM, total_ref_count);
 OXTEST_EXPOSE(PMEM, populated_page_count);
 OXTEST_EXPOSE(PMEM_Account, used_pages);
+OXTEST_EXPOSE(PMEM_Account, used_min_pages);
 OXTEST_EXPOSE(PMEM_Account, funding_in_progress);
+OXTEST_EXPOSE(PMEM_PageAllocator, free_pages_low);
+OXTEST_EXPOSE(PMEM_PageAllocator, needs_pretouch_list);
 OXTEST_EXPOSE(PMEM_PageAllocator, needs_pretouch_list_size);
 OXTEST_EXPOSE(VMEM, space_manager);
 OXTEST_EXPOSE(VMEM_SpaceManager, cache);
@@ -87,6 +90,7 @@ class InvariantsTest : public Test {
       blocks.push_back({take(cached_space, pages, 2), pages});
     }
     char* const freed = take(cached_space, 4, 2);
+    cached_page = (freed - static_cast<char*>(manager(cached_space).base_addr_for_alias(0))) >> 21;
     give_back(cached_space, freed, 4, 2);
     plain = take(plain_space, 3, 5);
     char* const stale = take(plain_space, 2, 5);
@@ -114,6 +118,7 @@ class InvariantsTest : public Test {
   char* fixed = nullptr;
   char* plain = nullptr;
   long shared = -1;
+  long cached_page = -1;
   std::vector<std::pair<char*, unsigned long>> blocks;
 };
 
@@ -164,6 +169,10 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
   VMEM_FixedAddressPageInfo& fixed_page =
       *VMEM_FixedAddressPageInfoManager::vmem_fixed_address_pageinfo(reinterpret_cast<long>(fixed) >> 21);
   PMEM_PageInfo* const tail = queue.tail();
+  auto& free_pages_low = queue.*exposed(PMEM_PageAllocator_free_pages_low{});
+  PMEM_PageInfo* const pretouch = exposed(PMEM_PageAllocator_needs_pretouch_list{})->load();
+  PMEM_PageInfo* const pretouch_link = pretouch->next_pretouch_page();
+  VMEM_PageInfo& cached_block = *manager(cached_space).page_manager().get_vmem_page_info(cached_page);
   const unsigned long lowest = runs.free_list()->alloc_block(1);
   runs.free_list()->free_block(lowest, 1);
 
@@ -192,6 +201,15 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
       off_by_one("populated total", *exposed(PMEM_populated_page_count{})),
       {"left locked", [&] { used.lock(); }, [&] { used.unlock(); }},
       off_by_one("account 5: fund is not used and balance together", account(5).*exposed(PMEM_Account_used_pages{})),
+      {"account 5: a count outside its watermarks",
+       [&] { account(5).*exposed(PMEM_Account_used_min_pages{}) += kPages; },
+       [&] { account(5).*exposed(PMEM_Account_used_min_pages{}) -= kPages; }},
+      {"zone 0: a page count outside its watermarks", [&] { free_pages_low = free_pages_low + kPages; },
+       [&] { free_pages_low = free_pages_low - kPages; }},
+      {"marked as unlisted", [&] { pretouch->set_next_pretouch_page(nullptr); },
+       [&] { pretouch->set_next_pretouch_page(pretouch_link); }},
+      {"a cached block that is not an allocated block of its size",
+       [&] { cached_block.set_state(VMEM_PageInfo::Free); }, [&] { cached_block.set_state(VMEM_PageInfo::Allocated); }},
       off_by_one("account 5: funding that never ended", account(5).*exposed(PMEM_Account_funding_in_progress{})),
       {"funded pages", [&] { account(5).add_funded_pages(1); }, [&] { account(5).add_funded_pages(-1UL); }},
       {"the file holds",
@@ -226,6 +244,13 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
     EXPECT_THAT(broken_invariants(), HasSubstr(broken.named));
     broken.mend();
   }
+}
+
+TEST_F(InvariantsTest, DefundedRangesThatOverlap_AreNamed) {
+  AOFirstFitAllocator& defunded = *PMEM_PageManager::zone(0)->allocator()->defunded_list();
+  ASSERT_EQ(defunded.free_block(kQueue, 8), 0);
+  ASSERT_EQ(defunded.alloc_specific(kQueue + 4, 1), 0);
+  EXPECT_THAT(broken_invariants(), HasSubstr("zone 0: free ranges out of order, overlapping or touching"));
 }
 
 TEST_F(InvariantsTest, MappingsThatAreGone_AreNamedForTheBlocksThatNeedThem) {
