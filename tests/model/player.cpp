@@ -571,20 +571,28 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
     case Op::MultimapWithin:
     case Op::MultimapBetween:
       _is_populated_beyond = true;
+      _allowing.drifted_references = true;  // an identity mapping over others, or a block at another alias than before
       _is_lawful = _is_lawful && (failed || (call.op == Op::MultimapBetween && _world.knows(call)));
       break;
     case Op::Mmap:
-    case Op::MunmapAliases:
+      _allowing.drifted_references = true;
+      break;
     case Op::UnregisterSpace:
+      _allowing.abandoned_spaces = true;
+      [[fallthrough]];
+    case Op::MunmapAliases:
+      _allowing.drifted_references = true;
+      _allowing.partly_mapped_blocks = true;
+      break;
     case Op::RefreshFree:
-      _is_lawful = false;
+      _allowing.locked_pages = true;
       break;
     case Op::CreatePzone:
     case Op::RegisterAlias:
       _is_lawful = _is_lawful && !failed && call.arguments[1] <= call.arguments[2] && _world.blocks().empty();
       break;
     case Op::RegisterSpace:
-      _is_lawful = _is_lawful && !failed;
+      _allowing.abandoned_spaces = _allowing.abandoned_spaces || failed;
       break;
     case Op::MunmapFromSpace:
       _is_lawful = _is_lawful && (failed || _world.knows(call));
@@ -599,7 +607,11 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
       _allowing.overlapping_ranges = true;
       _allowing.commits_outside_zones = true;
     }
-    _is_lawful = _is_lawful && (!fired || planned == SystemCall::Commit || planned == SystemCall::Truncate);
+    if (fired && planned == SystemCall::Map) {
+      _allowing.drifted_references = true;
+      _allowing.partly_mapped_blocks = true;
+    }
+    _is_lawful = _is_lawful && (!fired || (planned != SystemCall::Punch && planned != SystemCall::Unmap));
   }
 }
 
