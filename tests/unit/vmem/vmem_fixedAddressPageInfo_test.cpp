@@ -332,4 +332,18 @@ INSTANTIATE_TEST_SUITE_P(
                           kNotAllocating}),
     [](const auto& instance) { return instance.param.name; });
 
+TEST_F(FixedAddressPageInfoTest, CheckState_RangeBeyondTheTable_EFAULTWithoutLooking) {
+  Record* const last = record(kTablePages - 1);
+  for (const Image& image : {kFree, Image{Record::Allocated, 3, 9}}) {
+    poke(last, image);
+    const bool is_free = image == kFree;
+    EXPECT_EQ(is_free ? last->check_state_is_free(1) : last->check_state_is_allocated(1), 0);
+    for (const unsigned long n : {2UL, ~0UL}) {
+      errno = 0;
+      EXPECT_EQ(is_free ? last->check_state_is_free(n) : last->check_state_is_allocated(n), -1);
+      EXPECT_EQ(errno, EFAULT);
+    }
+  }
+}
+
 }  // namespace
