@@ -150,6 +150,9 @@ class Host {
       die_unless(ox().mreserve(base, pages(64), oxiface::kNoTracking) == 0, "no range for an alias");
       die_unless(ox().register_alias_for_space(0, base, oxiface::kReadWrite, oxiface::kMultiPage) == alias, "no alias");
     }
+    // Here, since a window is free only as long as no thread maps something: a stack, or its arena of the heap.
+    _fixed = oxiface::free_window(4);
+    die_unless(ox().mreserve(_fixed, pages(4), 0) == 0, "no range for fixed addresses");
   }
 
   void at_work() {
@@ -186,12 +189,10 @@ class Host {
   }
 
   void use_fixed_addresses() {
-    char* const range = oxiface::free_window(4);
-    die_unless(ox().mreserve(range, pages(4), 0) == 0, "no range for fixed addresses");
     for (uint64_t round = 0;; ++round) {
-      if (ox().mmap(range, pages(2), oxiface::kReadWrite, 2, 0) == 0) {
-        oxiface::stamp(range, 2, round);
-        die_unless(ox().munmap(range, pages(2), 2, 0) == 0, "not freed");
+      if (ox().mmap(_fixed, pages(2), oxiface::kReadWrite, 2, 0) == 0) {
+        oxiface::stamp(_fixed, 2, round);
+        die_unless(ox().munmap(_fixed, pages(2), 2, 0) == 0, "not freed");
       }
       if (round == 2) {
         at_work();
@@ -204,6 +205,7 @@ class Host {
   const char* _path;
   unsigned long _seed;
   std::atomic<int> _busy{0};
+  char* _fixed = nullptr;  // a range for fixed addresses
 };
 
 class Killed : public testing::TestWithParam<Mode> {
