@@ -1,28 +1,8 @@
 #pragma once
 
-#include <list>
-
-#include "utils/customCHeapAllocator.hpp"
+#include "utils/blockTree.hpp"
 
 namespace oxpliv {
-
-// The range [start, end) of a number line. No operation checks anything.
-class AddressBlock {
- public:
-  AddressBlock(unsigned long start, unsigned long end) : _start(start), _end(end) {}
-
-  unsigned long start() const { return _start; }
-  unsigned long end() const { return _end; }
-  unsigned long size() const { return _end - _start; }
-  void shrink_from_front(unsigned long units) { _start += units; }
-  void shrink_from_back(unsigned long units) { _end -= units; }
-  void grow_from_front(unsigned long units) { _start -= units; }
-  void grow_from_back(unsigned long units) { _end += units; }
-
- private:
-  unsigned long _start;
-  unsigned long _end;
-};
 
 // Visits free ranges. The result of a visit is ignored: a closure that has seen enough ignores further visits itself.
 class Allocator_Closure {
@@ -57,7 +37,7 @@ class Allocator {
   virtual ~Allocator() = default;
 };
 
-// First fit from the low end of the line, freed neighbours merged.
+// First fit from the low end of the line, freed neighbours merged; each operation takes logarithmic time.
 //
 // Owns:      the list of free ranges; its nodes count as internal usage.
 // Locking:   none inside; every user holds a mutex of its own around every call.
@@ -96,12 +76,12 @@ class AOFirstFitAllocator : public Allocator {
   const char* Check() const;
 
  private:
-  using FreeList = std::list<AddressBlock, CustomCHeapAllocator<AddressBlock>>;
-
   void insert_free_block(unsigned long start, unsigned long size);
-  bool take_from(FreeList::iterator block, unsigned long start, unsigned long size);
+  void merge_or_insert(BlockTree::Path& gap, unsigned long start, unsigned long end);
+  void shrink_from_front(BlockTree::Path& path, unsigned long units);
+  bool take_from(BlockTree::Path& path, unsigned long start, unsigned long size);
 
-  FreeList _free_list;
+  BlockTree _free_list;
 };
 
 }  // namespace oxpliv

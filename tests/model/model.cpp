@@ -15,7 +15,6 @@ constexpr uint32_t kMappingFlags = 0x403200;
 constexpr uint32_t kDoNotTrack = 0x8000000;
 constexpr int64_t kNotMapped = 0x80000;
 constexpr size_t kMostSpaces = 32;
-constexpr uint64_t kNodeBytes = 32;  // of a list of ranges: two links and a range
 
 bool is_ragged(uint64_t bytes) {
   return (bytes & (kPage - 1)) != 0;
@@ -747,14 +746,14 @@ uint64_t Model::internal_usage(const ObjectSizes& sizes) const {
     bytes += account.has_value() ? 144 : 0;
   }
   for (const auto& zone : physical.zones.zones) {
-    bytes += 64 + zone->list->own_bytes() + zone->list->nodes() * kNodeBytes;
+    bytes += 64 + zone->list->own_bytes() + zone->list->nodes() * sizes.range_node;
   }
   for (const auto& known : spaces) {
     if (known == nullptr) {
       continue;
     }
-    bytes +=
-        sizes.space + sizes.allocator + known->manager.ranges().nodes() * kNodeBytes + known->manager.table_bytes();
+    bytes += sizes.space + sizes.allocator + known->manager.ranges().nodes() * sizes.range_node +
+             known->manager.table_bytes();
     if (known->cache.has_value()) {
       const Cache& cache = *known->cache;
       bytes += sizes.cache + cache.buckets().size() * sizeof(void*);
@@ -766,10 +765,10 @@ uint64_t Model::internal_usage(const ObjectSizes& sizes) const {
   for (const auto& lost : _lost) {
     bytes += sizes.space;
     if (lost != nullptr) {
-      bytes += sizes.allocator + lost->manager.ranges().nodes() * kNodeBytes + lost->manager.table_bytes();
+      bytes += sizes.allocator + lost->manager.ranges().nodes() * sizes.range_node + lost->manager.table_bytes();
     }
   }
-  bytes += _leftover.allocators * sizes.allocator + _leftover.nodes * kNodeBytes + _leftover.table_bytes;
+  bytes += _leftover.allocators * sizes.allocator + _leftover.nodes * sizes.range_node + _leftover.table_bytes;
   bytes += _leftover.lists * sizes.cache_list + _leftover.list_nodes * sizes.cache_node;
   return bytes;
 }

@@ -660,23 +660,25 @@ ObjectSizes learn_object_sizes() {
   ox_initialize_pliv(&config);
   const auto usage = [] { return static_cast<uint64_t>(ox_get_internal_usage_pliv()); };
   constexpr uint64_t kTable = 4096;
-  constexpr uint64_t kNode = 32;
+  constexpr uint64_t kBlockZone = 64 + 216;
   ObjectSizes sizes;
   sizes.at_start = usage() - kTable;
   ox_pmem_set_account_maximum_pliv(0, 2, 16 * kPage);
   ox_pmem_fund_account_pliv(0, 2, 16 * kPage);
-  ox_create_pzone_pliv(0, 16 * kPage, 16 * kPage, 1);
-
   uint64_t before = usage();
+  ox_create_pzone_pliv(0, 16 * kPage, 16 * kPage, 1);
+  sizes.range_node = usage() - before - kBlockZone;  // all its pages are one range
+
+  before = usage();
   ox_register_space_pliv(8 * kPage, 0, 0, 0);
   const uint64_t with_space = usage();
   ox_unregister_space_pliv(0);
   sizes.space = with_space - usage();
-  sizes.allocator = with_space - before - sizes.space - kTable - kNode;
+  sizes.allocator = with_space - before - sizes.space - kTable - sizes.range_node;
 
   before = usage();
   ox_register_space_pliv(8 * kPage, 0, 4 * kPage, 2);
-  sizes.cache = usage() - before - sizes.space - sizes.allocator - kTable - kNode - 5 * sizeof(void*);
+  sizes.cache = usage() - before - sizes.space - sizes.allocator - kTable - sizes.range_node - 5 * sizeof(void*);
   reserve_in_process(kArena, 8 * kPage);
   ox_register_alias_for_space_pliv(1, as_pointer(kArena), PROT_READ | PROT_WRITE, 0);
   const auto first = ox_mmap_within_space_pliv(1, 0, kPage, 2, 0);

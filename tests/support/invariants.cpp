@@ -100,7 +100,7 @@ class Checker {
 
   void count_ranges(AOFirstFitAllocator& ranges) {
     VisitRanges_Closure closure(
-        [this](unsigned long, unsigned long) { _usage += sizeof(std::_List_node<AddressBlock>); });
+        [this](unsigned long, unsigned long) { _usage += BlockTree::node_bytes(); });
     ranges.free_blocks_do_closure(&closure);
   }
 

@@ -14,6 +14,7 @@
 
 #include "fatal.hpp"
 #include "fixtures.hpp"
+#include "utils/internalMemoryUsage.hpp"
 
 namespace {
 
@@ -27,7 +28,7 @@ constexpr const char* kCurrent = "Overlapping with current chunk in AOFF List";
 constexpr const char* kPrevious = "Overlapping with previous chunk in AOFF List";
 constexpr const char* kLast = "Overlapping with last chunk in AOFF List";
 constexpr unsigned long kNone = ~0UL;
-constexpr unsigned long kNodeBytes = 32;  // two links and one block
+constexpr unsigned long kNodeBytes = BlockTree::node_bytes();
 
 struct Range {
   unsigned long start;

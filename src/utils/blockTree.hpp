@@ -1,0 +1,206 @@
+#pragma once
+
+#include "utils/addressBlock.hpp"
+
+namespace oxpliv {
+
+// A list of blocks that finds the first block with a wanted size, or at a wanted place, in logarithmic time: a
+// height-balanced tree (AVL) ordered by position in the list, in which each node knows the greatest size, start and end
+// on either side of it. The blocks themselves may stand in any order, and are found as fast.
+//
+// What is not needed is not kept: a short list is a plain chain (`behind` leads to the next block, and the tree is laid
+// over it when it gets longer), and as long as the blocks are in address order their starts and ends are found by
+// looking at the blocks themselves.
+//
+// Owns:      its nodes, one for each block, all of one size, which count as internal usage.
+// Locking:   none; the owner's.
+// Invariant: with the tree laid, the heights on the two sides of a node differ by at most one and its greatest sizes
+//            are exact; the greatest starts and ends are exact while the blocks are out of address order.
+class BlockTree {
+ private:
+  struct Node;
+
+ public:
+  // The way to a block, or to a gap between blocks; good until the next insertion or removal.
+  class Path {
+   public:
+    // The block that was looked for, which stands behind the gap: none when the search came to the end of the list.
+    bool found() const { return _found != nullptr; }
+    AddressBlock& block() const;
+    // The block in front of it. Known only of a gap.
+    bool has_previous() const { return _previous_depth != kNone; }
+    AddressBlock& previous() const;
+
+   private:
+    friend class BlockTree;
+    static constexpr int kNone = -1;
+    static constexpr int kMaxDepth = 96;  // more than the height of a tree that fills the address space
+
+    void step(Node* node, int side) {
+      _nodes[_depth] = node;
+      _sides[_depth++] = side;
+    }
+
+    Node* _nodes[kMaxDepth];  // from the root on, the node itself left out
+    int _sides[kMaxDepth];    // where the way goes on from there
+    int _depth = 0;
+    Node* _found = nullptr;
+    int _found_depth = 0;
+    int _previous_depth = kNone;
+  };
+
+  BlockTree() = default;
+  ~BlockTree();
+  BlockTree(const BlockTree&) = delete;
+  BlockTree& operator=(const BlockTree&) = delete;
+
+  // The first block of all, or of at least that size.
+  Path find_first() const;
+  Path find_size(unsigned long size) const;
+
+  // The first block for which reaches(start, end) holds, or the gap in front of it. The test must hold for the greatest
+  // start and end of some blocks when, and only when, it holds for one of them; and, once it holds, for all blocks
+  // behind in a list in address order.
+  template <typename Reaches>
+  Path find_place(Reaches reaches) const;
+
+  // Puts a block into a gap, or at the end. Raises std::bad_alloc, with nothing changed, when there is no memory for its
+  // node. Appending may break the address order.
+  void insert(Path& gap, AddressBlock block);
+  void append(AddressBlock block);
+  void erase(Path& path);
+
+  // To be called after a change of path.block(), or of gap.previous(), that kept its place among the others.
+  void changed(Path& path) {
+    if (_has_tree) {
+      settle(path, path._found_depth, 0, path._found_depth);
+    }
+  }
+  void changed_previous(Path& gap) {
+    if (_has_tree) {
+      settle(gap, gap._previous_depth, 0, gap._previous_depth);
+    }
+  }
+
+  // Calls visit(block) for each block, in list order.
+  template <typename Visit>
+  void for_each(Visit visit) const {
+    visit_nodes(_root, [&visit](Node& node) { visit(node.block); });
+  }
+
+  // Whether everything is as the invariant says.
+  bool is_sound() const;
+
+  static constexpr unsigned long node_bytes();
+
+ private:
+  enum Side { kFront = 0, kBehind = 1 };
+  // Longest chain, and shortest list with a tree: apart, so that a list at the edge does not change back and forth.
+  static constexpr unsigned long kMaxChain = 24;
+  static constexpr unsigned long kMinTree = 12;
+
+  struct Node {
+    AddressBlock block;
+    Node* child[2]{};
+    unsigned long greatest_size[2]{};
+    long balance = 0;  // height behind less height in front
+    unsigned long greatest_start[2]{};
+    unsigned long greatest_end[2]{};
+
+    bool learn(int side, bool with_places);
+  };
+
+  template <typename Holds>
+  void find_in_chain(Path& path, Holds holds) const;
+  template <typename Reaches>
+  void find_place_in_tree(Path& path, Reaches reaches) const;
+  void find_size_in_tree(Path& path, unsigned long size) const;
+  template <typename Visit>
+  static void visit_nodes(Node* node, const Visit& visit);
+  Node*& slot(Path& path, int depth) {
+    return depth == 0 ? _root : path._nodes[depth - 1]->child[path._sides[depth - 1]];
+  }
+  void settle(Path& path, int depth, int growth, int last_changed);
+  int rebalance(Node*& top, int growth);
+  void rotate(Node*& top, int heavy);
+  void lay_tree();
+  void lay_chain();
+  static Node* lay_branch(Node*& chain, unsigned long count, long& height);
+  void lose_order();
+  long sound_height(const Node* node) const;
+
+  Node* _root = nullptr;
+  unsigned long _count = 0;
+  bool _has_tree = false;
+  bool _in_order = true;
+};
+
+constexpr unsigned long BlockTree::node_bytes() {
+  return sizeof(Node);
+}
+
+inline AddressBlock& BlockTree::Path::block() const {
+  return _found->block;
+}
+
+inline AddressBlock& BlockTree::Path::previous() const {
+  return _nodes[_previous_depth]->block;
+}
+
+template <typename Reaches>
+BlockTree::Path BlockTree::find_place(Reaches reaches) const {
+  Path path;
+  if (_has_tree) {
+    find_place_in_tree(path, reaches);
+  } else {
+    find_in_chain(path, [reaches](AddressBlock block) { return reaches(block.start(), block.end()); });
+  }
+  return path;
+}
+
+// In a chain the way has one step at most, from the block in front.
+template <typename Holds>
+void BlockTree::find_in_chain(Path& path, Holds holds) const {
+  Node* previous = nullptr;
+  Node* node = _root;
+  while (node != nullptr && !holds(node->block)) {
+    previous = node;
+    node = node->child[kBehind];
+  }
+  if (previous != nullptr) {
+    path.step(previous, kBehind);
+    path._previous_depth = 0;
+  }
+  path._found = node;
+  path._found_depth = path._depth;
+}
+
+template <typename Reaches>
+void BlockTree::find_place_in_tree(Path& path, Reaches reaches) const {
+  for (Node* node = _root; node != nullptr;) {
+    const bool in_front = !_in_order && node->child[kFront] != nullptr &&
+                          reaches(node->greatest_start[kFront], node->greatest_end[kFront]);
+    const bool is_behind_gap = in_front || reaches(node->block.start(), node->block.end());
+    if (is_behind_gap) {
+      path._found = node;
+      path._found_depth = path._depth;
+    } else {
+      path._previous_depth = path._depth;
+    }
+    const int side = is_behind_gap ? kFront : kBehind;
+    path.step(node, side);
+    node = node->child[side];
+  }
+}
+
+template <typename Visit>
+void BlockTree::visit_nodes(Node* node, const Visit& visit) {
+  while (node != nullptr) {
+    visit_nodes(node->child[kFront], visit);
+    Node* const next = node->child[kBehind];  // the visitor may free the node
+    visit(*node);
+    node = next;
+  }
+}
+
+}  // namespace oxpliv
