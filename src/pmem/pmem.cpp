@@ -256,11 +256,6 @@ void PMEM_Account::set_accounts_to_credit(unsigned long list) {
   _accounts_to_credit = list;
 }
 
-unsigned long PMEM_Account::get_accounts_to_credit() {
-  const MutexLocker locker(&_mutex);
-  return _accounts_to_credit;
-}
-
 const char* PMEM_Account::Check() {
   const MutexLocker locker(&_mutex);
   if (_fund_pages != _used_pages + _balance_pages) {

@@ -18,7 +18,8 @@ namespace oxpliv {
 //
 // Owns:      nothing but its numbers.
 // Locking:   _mutex guards every number. _funded_pages is also added to without it, atomically, since zones commit
-//            pages while other threads debit. No code holds two accounts' mutexes.
+//            pages while other threads debit; the list of accounts to credit is read without it. No code holds two
+//            accounts' mutexes.
 // Invariant: fund == used + balance.
 class PMEM_Account {
  public:
@@ -67,7 +68,7 @@ class PMEM_Account {
   void decrement_used_max_pages(unsigned long pages);
   void reset_watermarks();
   void set_accounts_to_credit(unsigned long list);
-  unsigned long get_accounts_to_credit();
+  unsigned long get_accounts_to_credit() const { return _accounts_to_credit; }
   void add_funded_pages(unsigned long pages) { _funded_pages.add(pages); }
 
   // Tests and fuzzers ask this after each step: null, or what is broken.
@@ -90,7 +91,7 @@ class PMEM_Account {
   unsigned long _balance_pages = 0;
   unsigned long _balance_max_pages = 0;
   unsigned long _balance_min_pages = 0;
-  unsigned long _accounts_to_credit = kEmptyCreditList;
+  Relaxed<unsigned long> _accounts_to_credit = kEmptyCreditList;
   pthread_mutex_t _mutex{};
   Relaxed<int> _funding_in_progress;
 };

@@ -2,6 +2,7 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "pmem/pmem_backingStorage.hpp"
@@ -14,6 +15,7 @@ namespace oxpliv {
 PMEM_PageInfo* PMEM_PageInfo::_page_info_base = nullptr;
 PMEM_PageInfo* PMEM_PageInfo::_page_info_top = nullptr;
 PMEM_PageInfo* PMEM_PageInfo::_page_info_end = nullptr;
+Relaxed<uint16_t> PMEM_PageInfo::_zone_of_table_page[kTablePages];
 
 long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
   const unsigned long native_page = PMEM_Helper::native_small_page_size();
@@ -28,14 +30,62 @@ long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
     return -1;
   }
   InternalMemoryUsage::inc_internal_usage(static_cast<unsigned long>(table.end - table.base));
+  std::fill(_zone_of_table_page, _zone_of_table_page + table_pages(), kNoneHasZone);  // of a table before this one
   _page_info_base = reinterpret_cast<PMEM_PageInfo*>(table.base);
   _page_info_top = reinterpret_cast<PMEM_PageInfo*>(table.top);
   _page_info_end = reinterpret_cast<PMEM_PageInfo*>(table.end);
-  for (PMEM_PageInfo* record = _page_info_base; record < _page_info_end; ++record) {
-    record->set_state(record < _page_info_top ? NotFunded : Disallowed);
-    record->set_zone(kNoZone);
+  // Zero-filled records are NotFunded and in no zone: a table costs what is touched of it, here the records behind the
+  // last page.
+  for (PMEM_PageInfo* record = _page_info_top; record < _page_info_end; ++record) {
+    record->mark_disallowed();
   }
   return 0;
+}
+
+bool PMEM_PageInfo::give_table_page_to_zone(unsigned long table_page, unsigned char zone_id) {
+  if (table_page >= table_pages() || _zone_of_table_page[table_page] != kNoneHasZone) {
+    return false;
+  }
+  _zone_of_table_page[table_page] = static_cast<uint16_t>(zone_id + 1);
+  return true;
+}
+
+// From now on the records of the table page tell their zones. They do so before the entry says it: lookups run beside.
+void PMEM_PageInfo::let_each_tell_its_zone() {
+  const uint16_t zone = zone_of_table_page();
+  if (zone == kEachTellsItsZone) {
+    return;
+  }
+  if (zone != kNoneHasZone) {
+    PMEM_PageInfo* const first = _page_info_base + table_page() * kTablePage;
+    for (PMEM_PageInfo* record = first; record < first + kTablePage; ++record) {
+      record->_zone_id_plus_one = static_cast<unsigned char>(zone);
+    }
+  }
+  _zone_of_table_page[table_page()].exchange(kEachTellsItsZone);
+}
+
+void PMEM_PageInfo::set_zone(unsigned char zone_id) {
+  let_each_tell_its_zone();
+  _zone_id_plus_one = static_cast<unsigned char>(zone_id + 1);
+}
+
+unsigned long PMEM_PageInfo::give_to_zone(long first, unsigned long count, unsigned char zone_id) {
+  unsigned long given = 0;
+  while (given < count) {
+    const unsigned long page = static_cast<unsigned long>(first) + given;
+    if (page % kTablePage == 0 && count - given >= kTablePage && give_table_page_to_zone(page / kTablePage, zone_id)) {
+      given += kTablePage;
+      continue;
+    }
+    PMEM_PageInfo* const record = page_info(static_cast<long>(page));
+    if (record->zone_id() != kNoZone) {
+      break;
+    }
+    record->set_zone(zone_id);
+    ++given;
+  }
+  return given;
 }
 
 long PMEM_PageInfo::expand(unsigned long num_pages, bool prefund) {

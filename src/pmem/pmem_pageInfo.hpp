@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -41,8 +42,12 @@ class PMEM_PageInfo {
   long page_num() const { return this - _page_info_base; }
   unsigned long backing_store_offset() const { return page_offset(page_num()); }
 
-  unsigned char zone_id() const { return _zone_id; }
-  void set_zone(unsigned char zone_id) { _zone_id = zone_id; }
+  // The zone of a page that was never touched is told by its table page (see _zone_of_table_page), so that laying a zone
+  // over pages costs no memory for their records.
+  unsigned char zone_id() const;
+  void set_zone(unsigned char zone_id);
+  // Gives pages to a zone, in order, up to the first one that has a zone: how many were given.
+  static unsigned long give_to_zone(long first, unsigned long count, unsigned char zone_id);
   unsigned char get_acct() const { return _acct; }
   void set_acct(unsigned char account) { _acct = account; }
   PMEM_PageInfo* next() const { return _next; }
@@ -112,13 +117,29 @@ class PMEM_PageInfo {
   long fund_locked(bool& funded);
   static long add_to(Relaxed<uint32_t>& count, int delta);
 
+  // Zones of whole table pages of kTablePage records: kNoneHasZone, or the zone of all its pages plus one, or
+  // kEachTellsItsZone. Untouched entries cost nothing; the pages beyond the array tell their zones themselves.
+  static constexpr unsigned long kTablePage = 128;
+  static constexpr unsigned long kTablePages = 1UL << 19;  // for 128 TiB of pages
+  static constexpr uint16_t kNoneHasZone = 0;
+  static constexpr uint16_t kEachTellsItsZone = 256;
+  static bool is_one_zone(uint16_t entry) { return entry != kNoneHasZone && entry != kEachTellsItsZone; }
+  static unsigned long table_pages() {
+    return std::min(kTablePages, static_cast<unsigned long>(_page_info_top - _page_info_base) / kTablePage);
+  }
+  static bool give_table_page_to_zone(unsigned long table_page, unsigned char zone_id);
+  unsigned long table_page() const { return static_cast<unsigned long>(page_num()) / kTablePage; }
+  uint16_t zone_of_table_page() const;
+  void let_each_tell_its_zone();
+
   static PMEM_PageInfo* _page_info_base;
   static PMEM_PageInfo* _page_info_top;
   static PMEM_PageInfo* _page_info_end;
+  static Relaxed<uint16_t> _zone_of_table_page[kTablePages];
 
   std::atomic<uint8_t> _state;
   ByteLock _lock;
-  Relaxed<unsigned char> _zone_id;
+  Relaxed<unsigned char> _zone_id_plus_one;  // modulo 256: zero-filled memory lies in no zone
   Relaxed<unsigned char> _acct;
   Relaxed<uint32_t> _ref_count;
   Relaxed<uint32_t> _active_ref_count;

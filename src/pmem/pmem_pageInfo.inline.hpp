@@ -19,6 +19,19 @@ inline PMEM_PageInfo* PMEM_PageInfo::page_info(long page_num) {
   return _page_info_base + page_num;
 }
 
+inline uint16_t PMEM_PageInfo::zone_of_table_page() const {
+  const unsigned long entry = table_page();
+  return entry < kTablePages ? static_cast<uint16_t>(_zone_of_table_page[entry]) : kEachTellsItsZone;
+}
+
+inline unsigned char PMEM_PageInfo::zone_id() const {
+  unsigned zone_plus_one = _zone_id_plus_one;
+  if (zone_plus_one == 0 && is_one_zone(zone_of_table_page())) {
+    zone_plus_one = zone_of_table_page();
+  }
+  return static_cast<unsigned char>(zone_plus_one - 1);
+}
+
 inline bool PMEM_PageInfo::is_funded() const {
   const State seen = state();
   return seen != NotFunded && seen != Disallowed;

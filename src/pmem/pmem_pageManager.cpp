@@ -28,7 +28,7 @@ template <typename Measure>
 unsigned long sum_over_zones(Measure measure) {
   unsigned long sum = 0;
   for (unsigned char id = 0; id < PMEM_PageManager::num_zones(); ++id) {
-    sum += measure(*PMEM_PageManager::zone(id));
+    sum += measure(*PMEM_PageManager::counted_zone(id));
   }
   return sum;
 }
@@ -163,7 +163,8 @@ long PMEM_PageManager::set_up_zone(PMEM_PageZone* zone, long start, unsigned lon
     log(OX_PLIV_LOG_ERROR, "Prefunding failed for zone");
     return -1;
   }
-  if (stamp_pages(start, zone->max_pages(), zone->zone_id()) != 0) {
+  // Stops at the first page that another zone owns; the pages before it keep the new id.
+  if (PMEM_PageInfo::give_to_zone(start, zone->max_pages(), zone->zone_id()) != zone->max_pages()) {
     log(OX_PLIV_LOG_ERROR, "Page added to multiple zones");
     return fail_with(EFAULT);
   }
@@ -193,18 +194,6 @@ long PMEM_PageManager::prefund_zone(PMEM_PageZone* zone, long start, unsigned lo
   return 0;
 }
 
-// Stops at the first page that another zone owns; the pages before it keep the new id.
-long PMEM_PageManager::stamp_pages(long start, unsigned long max_pages, unsigned char zone_id) {
-  for (long page = start; page < start + static_cast<long>(max_pages); ++page) {
-    PMEM_PageInfo* const record = PMEM_PageInfo::page_info(page);
-    if (record->zone_id() != PMEM_PageInfo::kNoZone) {
-      return -1;
-    }
-    record->set_zone(zone_id);
-  }
-  return 0;
-}
-
 long PMEM_PageManager::validate_zone(long zone_id) {
   return zone_id >= 0 && zone_id < num_zones() ? 0 : fail_with(EINVAL);
 }
@@ -226,7 +215,7 @@ long PMEM_PageManager::fund_pages(unsigned long count, unsigned long& funded, un
   for (unsigned char id = 0; id < num_zones() && count > 0 && result != -1; ++id) {
     unsigned long zone_funded = 0;
     unsigned long zone_advanced = 0;
-    result = zone(id)->fund_pages(count, zone_funded, zone_advanced);
+    result = counted_zone(id)->fund_pages(count, zone_funded, zone_advanced);
     funded += zone_funded;
     advanced += zone_advanced;
     count -= zone_advanced;
@@ -357,14 +346,14 @@ long PMEM_PageManager::spread(unsigned long count, unsigned long (*pool)(), Meas
   long result = 0;
   const auto ask = [&](unsigned char id, unsigned long pages) {
     unsigned long got = 0;
-    result = work(*zone(id), pages, got);
+    result = work(*counted_zone(id), pages, got);
     done += got;
   };
   const unsigned long pool_pages = pool();
   if (pool_pages != 0) {
     const double ratio = static_cast<double>(count) / static_cast<double>(pool_pages);
     for (unsigned char id = 0; id < num_zones() && result == 0; ++id) {
-      const double share = static_cast<double>(measure(*zone(id))) * ratio;
+      const double share = static_cast<double>(measure(*counted_zone(id))) * ratio;
       // The measures may have changed since the pool was summed; more than was asked for is never done.
       ask(id, static_cast<unsigned long>(std::min(share, static_cast<double>(count - done))));
     }
@@ -438,7 +427,7 @@ unsigned long PMEM_PageManager::refresh_free_pages() {
   long result = 0;
   for (unsigned char id = 0; id < num_zones() && result != -1; ++id) {
     unsigned long count = 0;
-    result = zone(id)->refresh_free_pages(count);
+    result = counted_zone(id)->refresh_free_pages(count);
     refreshed += count;
   }
   return refreshed;
@@ -452,15 +441,15 @@ long PMEM_PageManager::get_page_from_needs_pretouch_list() {
 void PMEM_PageManager::print_zone_info() {
   std::printf("\nNumber of zones: %d\n", num_zones());
   for (unsigned char id = 0; id < num_zones(); ++id) {
-    std::printf("Zone #%d, Free : %lu, Block support : %d\n", id, zone(id)->free_pages(),
-                zone(id)->supports_blocks() ? 1 : 0);
+    std::printf("Zone #%d, Free : %lu, Block support : %d\n", id, counted_zone(id)->free_pages(),
+                counted_zone(id)->supports_blocks() ? 1 : 0);
   }
 }
 
 void PMEM_PageManager::print_free_pages() {
   for (unsigned char id = 0; id < num_zones(); ++id) {
     std::printf("Freelist for Zone #%d\n", id);
-    zone(id)->print_free_pages();
+    counted_zone(id)->print_free_pages();
   }
 }
 

@@ -27,6 +27,8 @@ class PMEM_PageManager {
   static unsigned char num_zones() { return _num_zones.load(std::memory_order_acquire); }
   static unsigned long total_pages() { return _total_pages; }
   static PMEM_PageZone* zone(unsigned char zone_id);
+  // For an id below num_zones.
+  static PMEM_PageZone* counted_zone(unsigned char zone_id) { return _zones[zone_id].load(std::memory_order_acquire); }
   static void set_zone(unsigned char zone_id, PMEM_PageZone* zone);
 
   // Lays a zone over [start, start + max_pages), of which the first page_count are on its free list at once, and
@@ -96,7 +98,6 @@ class PMEM_PageManager {
   static PMEM_PageAllocator* create_allocator(bool supports_blocks);
   static long set_up_zone(PMEM_PageZone* zone, long start, unsigned long page_count, unsigned long& prefunded);
   static long prefund_zone(PMEM_PageZone* zone, long start, unsigned long page_count, unsigned long& prefunded);
-  static long stamp_pages(long start, unsigned long max_pages, unsigned char zone_id);
   template <typename Measure, typename Work>
   static long spread(unsigned long count, unsigned long (*pool)(), Measure measure, Work work, unsigned long& done);
 

@@ -15,6 +15,6 @@ void set_report_and_die_callback(ReportAndDieCallback callback);
 [[noreturn]] void report_and_die(const char* file, int line, const char* message);
 
 // report_and_die for the place where it is called: the unit's path comes from the file that holds the call.
-[[noreturn]] void die(const char* message, const char* file = __builtin_FILE(), int line = __builtin_LINE());
+[[noreturn, gnu::cold]] void die(const char* message, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 }  // namespace oxpliv

@@ -102,7 +102,7 @@ long VMEM_PageInfo::change_state_to_free(int block_size) {
       if (record->_pmem_page == kNoPage) {
         record->_pmem_page = (record - 1)->pmem_page() + 1;
       }
-      record->_prev_pmem_page = record->pmem_page();
+      record->set_prev_pmem_page(record->pmem_page());
     }
     record->set_state(Free);
   }
@@ -160,30 +160,16 @@ long VMEM_PageInfoManager::initialize(int pages) {
   _pageinfo_base = reinterpret_cast<VMEM_PageInfo*>(table.base);
   _pageinfo_top = reinterpret_cast<VMEM_PageInfo*>(table.top);
   _pageinfo_end = reinterpret_cast<VMEM_PageInfo*>(table.end);
-  for (VMEM_PageInfo* record = _pageinfo_base; record < _pageinfo_end; ++record) {
-    if (record < _pageinfo_top) {
-      record->initialize_as_free();
-    } else {
-      record->initialize_as_invalid();
-    }
+  // Zero-filled records are as initialize_as_free leaves them: a table costs what is touched of it, here the records
+  // behind the last page.
+  for (VMEM_PageInfo* record = _pageinfo_top; record < _pageinfo_end; ++record) {
+    record->initialize_as_invalid();
   }
   return 0;
 }
 
 long VMEM_PageInfoManager::expand(int pages) {
   return _pageinfo_base == nullptr ? initialize(pages) : fail_with(EINVAL);
-}
-
-VMEM_PageInfo* VMEM_PageInfoManager::vmem_pageinfo(long page) const {
-  if (_pageinfo_base == nullptr) {
-    die("VMEM pageinfo_base is NULL");
-  }
-  // Compared as numbers of pages, where a negative one is far too large.
-  if (static_cast<unsigned long>(page) >= static_cast<unsigned long>(_pageinfo_top - _pageinfo_base)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return _pageinfo_base + page;
 }
 
 long VMEM_PageInfoManager::pmem_page_within_map(long page) const {

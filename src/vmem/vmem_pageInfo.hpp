@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "utils/byteLock.hpp"
 #include "utils/relaxed.hpp"
+#include "utils/reportAndDie.hpp"
 
 namespace oxpliv {
 
@@ -41,8 +43,8 @@ class VMEM_PageInfo {
   int pmem_map_size() const { return _pmem_map_size; }
   void set_pmem_map_size(unsigned int pages) { _pmem_map_size = static_cast<int>(pages); }
   // The physical page that is still mapped here from before, or -1.
-  long prev_pmem_page() const { return _prev_pmem_page; }
-  void set_prev_pmem_page(long page) { _prev_pmem_page = page; }
+  long prev_pmem_page() const { return _prev_pmem_page_plus_one - 1; }
+  void set_prev_pmem_page(long page) { _prev_pmem_page_plus_one = page + 1; }
 
   void initialize_as_free();
   void initialize_as_invalid() { set_state(Invalid); }
@@ -74,7 +76,7 @@ class VMEM_PageInfo {
   Relaxed<int> _block_size;
   Relaxed<int> _pmem_map_size;
   Relaxed<long> _pmem_page;
-  Relaxed<long> _prev_pmem_page;
+  Relaxed<long> _prev_pmem_page_plus_one;  // zero-filled memory remembers no page
 };
 
 static_assert(sizeof(VMEM_PageInfo) == 32);
@@ -91,7 +93,17 @@ class VMEM_PageInfoManager {
   long expand(int pages);
 
   // The record, or null with EINVAL for a page outside the table. Fatal before the table is built.
-  VMEM_PageInfo* vmem_pageinfo(long page) const;
+  VMEM_PageInfo* vmem_pageinfo(long page) const {
+    if (_pageinfo_base == nullptr) {
+      die("VMEM pageinfo_base is NULL");
+    }
+    // Compared as numbers of pages, where a negative one is far too large.
+    if (static_cast<unsigned long>(page) >= static_cast<unsigned long>(_pageinfo_top - _pageinfo_base)) {
+      errno = EINVAL;
+      return nullptr;
+    }
+    return _pageinfo_base + page;
+  }
   VMEM_PageInfo* vmem_pageinfo_base() const { return _pageinfo_base; }
 
   // The physical page behind a page, also inside a run; -1 when there is none.

@@ -1,6 +1,8 @@
 #include "vmem/vmem_perSizeListPageCache.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <new>
 
 #include "pmem/pmem.hpp"
@@ -19,13 +21,13 @@ VMEM_PerSizeListPageCache::~VMEM_PerSizeListPageCache() {
   if (_buckets == nullptr) {
     return;
   }
-  for (int size = 0; size < _max_bucket_pages; ++size) {
+  for (int size = 0; size <= _largest_bucket && size < _max_bucket_pages; ++size) {
     if (_buckets[size] != nullptr) {
       delete _buckets[size];
       InternalMemoryUsage::dec_internal_usage(sizeof(Bucket));
     }
   }
-  delete[] _buckets;
+  std::free(_buckets);
   InternalMemoryUsage::dec_internal_usage(bucket_array_bytes());
 }
 
@@ -35,7 +37,8 @@ unsigned long VMEM_PerSizeListPageCache::bucket_array_bytes() const {
 
 long VMEM_PerSizeListPageCache::initialize(int max_bucket_pages) {
   _max_bucket_pages = max_bucket_pages;
-  _buckets = new (std::nothrow) Bucket* [static_cast<unsigned long>(max_bucket_pages) + 1] {};
+  // calloc, since it leaves a large array untouched.
+  _buckets = static_cast<Bucket**>(std::calloc(static_cast<unsigned long>(max_bucket_pages) + 1, sizeof(Bucket*)));
   if (_buckets == nullptr) {
     return fail_with(ENOMEM);
   }
@@ -57,8 +60,8 @@ long VMEM_PerSizeListPageCache::allocate_block_from_cache(int pages) {
     ++_lookup_misses;
     return -1;
   }
-  const long offset = bucket->front();
-  bucket->pop_front();
+  const long offset = bucket->back();
+  bucket->pop_back();
   _cached_pages = _cached_pages - static_cast<unsigned long>(pages);
   lower_watermark<unsigned long>(_cached_pages_min, _cached_pages);
   ++_lookup_hits;
@@ -73,9 +76,10 @@ bool VMEM_PerSizeListPageCache::push_to_bucket(long offset, int pages) {
       return false;
     }
     InternalMemoryUsage::inc_internal_usage(sizeof(Bucket));
+    _largest_bucket = std::max(_largest_bucket, pages);
   }
   try {
-    bucket->push_front(offset);
+    bucket->push_back(offset);
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -100,11 +104,11 @@ long VMEM_PerSizeListPageCache::flush_bucket(int pages, unsigned long limit, uns
   Bucket* const bucket = _buckets[pages];
   long result = 0;
   while (flushed < limit && !bucket->empty()) {
-    result = _page_manager->free_pages(bucket->front(), pages, _account);
+    result = _page_manager->free_pages(bucket->back(), pages, _account);
     if (result == -1) {
       break;
     }
-    bucket->pop_front();
+    bucket->pop_back();
     flushed += static_cast<unsigned long>(pages);
   }
   return result;
@@ -117,7 +121,7 @@ long VMEM_PerSizeListPageCache::flush_cache(unsigned long limit) {
   }
   unsigned long flushed = 0;
   long result = 0;
-  for (int size = _max_bucket_pages; size >= 1 && flushed < limit; --size) {
+  for (int size = _largest_bucket; size >= 1 && flushed < limit; --size) {
     if (_buckets[size] != nullptr && !_buckets[size]->empty()) {
       result = flush_bucket(size, limit, flushed);
     }
@@ -167,7 +171,7 @@ void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {
 const char* VMEM_PerSizeListPageCache::Check() {
   const MutexLocker locker(&_mutex);
   unsigned long pages = 0;
-  for (int size = 1; size <= _max_bucket_pages; ++size) {
+  for (int size = 1; size <= _largest_bucket; ++size) {
     if (_buckets[size] == nullptr) {
       continue;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <list>
+#include <vector>
 
 #include "utils/customCHeapAllocator.hpp"
 #include "utils/relaxed.hpp"
@@ -11,7 +11,7 @@ namespace oxpliv {
 
 // A page cache with one last-in-first-out list for each block size.
 //
-// Owns:      the lists; array, lists and nodes count as internal usage. The list of the largest size is left alone when
+// Owns:      the lists; they and their array count as internal usage. The list of the largest size is left alone when
 //            the cache goes.
 // Locking:   _mutex guards everything (the page counts may be read without it); it is taken before the page manager's
 //            mutex and before an account's.
@@ -37,13 +37,15 @@ class VMEM_PerSizeListPageCache : public VMEM_PageCache {
   const char* Check() override;
 
  private:
-  using Bucket = std::list<long, CustomCHeapAllocator<long>>;
+  // The last one in is the last element: a block costs no heap allocation but when its list was never as long before.
+  using Bucket = std::vector<long, CustomCHeapAllocator<long>>;
 
   unsigned long bucket_array_bytes() const;
   bool push_to_bucket(long offset, int pages);
   long flush_bucket(int pages, unsigned long limit, unsigned long& flushed);
 
   Bucket** _buckets = nullptr;  // index: block size in pages; index 0 is never used
+  int _largest_bucket = 0;      // the largest size that has a list; the array beyond it was never touched
   pthread_mutex_t _mutex{};
   VMEM_PageManager* const _page_manager;
   const int _account;

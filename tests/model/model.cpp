@@ -360,7 +360,7 @@ int64_t Model::unregister_space(const Exported& call) {
   _leftover.table_bytes += known->manager.table_bytes();
   if (known->cache.has_value() && known->cache->used_buckets().back()) {
     _leftover.lists += 1;  // the list of the largest size is never deleted
-    _leftover.list_nodes += known->cache->buckets().back().size();
+    _leftover.list_nodes += known->cache->buckets().back().capacity();
   }
   spaces[static_cast<size_t>(call.at(0))] = nullptr;
   return 0;
@@ -758,7 +758,7 @@ uint64_t Model::internal_usage(const ObjectSizes& sizes) const {
       const Cache& cache = *known->cache;
       bytes += sizes.cache + cache.buckets().size() * sizeof(void*);
       for (size_t i = 0; i < cache.buckets().size(); ++i) {
-        bytes += cache.used_buckets()[i] ? sizes.cache_list + cache.buckets()[i].size() * sizes.cache_node : 0;
+        bytes += cache.used_buckets()[i] ? sizes.cache_list + cache.buckets()[i].capacity() * sizes.cache_node : 0;
       }
     }
   }

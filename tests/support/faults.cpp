@@ -311,6 +311,16 @@ extern "C" void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& t
                                                                               : __real__ZnamRKSt9nothrow_t(size, tag);
 }
 
+extern "C" void* __real_calloc(size_t count, size_t size);
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+  const int error = oxtest::pending_error(oxtest::Call::operator_new_nothrow, count * size);
+  if (error != 0) {
+    errno = error;
+    return nullptr;
+  }
+  return __real_calloc(count, size);
+}
+
 // The streams of the standard library open their files through this function. The replacement has a descriptor, which
 // the streams read from.
 extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path, const char* mode) {

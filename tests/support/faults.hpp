@@ -49,7 +49,7 @@ enum class Call {
   pthread_mutex_unlock,
   pthread_sigmask,
   operator_new,          // throws std::bad_alloc
-  operator_new_nothrow,  // answers null
+  operator_new_nothrow,  // and calloc: answers null
   kCount
 };
 

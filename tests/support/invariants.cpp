@@ -99,8 +99,7 @@ class Checker {
   }
 
   void count_ranges(AOFirstFitAllocator& ranges) {
-    VisitRanges_Closure closure(
-        [this](unsigned long, unsigned long) { _usage += BlockTree::node_bytes(); });
+    VisitRanges_Closure closure([this](unsigned long, unsigned long) { _usage += BlockTree::node_bytes(); });
     ranges.free_blocks_do_closure(&closure);
   }
 
@@ -286,7 +285,7 @@ class Checker {
       if (bucket == nullptr) {
         continue;
       }
-      _usage += sizeof(*bucket) + bucket->size() * sizeof(std::_List_node<long>);
+      _usage += sizeof(*bucket) + bucket->capacity() * sizeof(long);
       for (const long offset : *bucket) {
         if (!cached.insert(offset >> kPageShift).second) {
           report("space ", id, ": block at page ", offset >> kPageShift, " cached twice");
