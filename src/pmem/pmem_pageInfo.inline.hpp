@@ -44,10 +44,13 @@ inline bool PMEM_PageInfo::claim_pretouch_link() {
 
 // The test and the add are one step: a count that is reset meanwhile must not wrap below zero.
 inline long PMEM_PageInfo::add_to(Relaxed<uint32_t>& count, int delta) {
+  if (delta >= 0) {
+    return count.add(static_cast<uint32_t>(delta));
+  }
   uint32_t seen = count;
   uint32_t sum = 0;
   do {
-    if (delta < 0 && seen < 0U - static_cast<uint32_t>(delta)) {
+    if (seen < 0U - static_cast<uint32_t>(delta)) {
       return fail_with(EINVAL);
     }
     sum = seen + static_cast<uint32_t>(delta);

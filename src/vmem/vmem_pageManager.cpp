@@ -251,10 +251,10 @@ long VMEM_PageManager::free_pages(long byte_offset, int pages, int account, bool
     const bool last_holder = !still_referenced && PMEM::active_ref_count_for_page(vpage) == 0;
     return last_holder ? PMEM::free_pages(vpage, static_cast<unsigned long>(pages), account) : 0;
   }
-  if (validate_allocated_block(vpage, pages) != 0) {
+  VMEM_PageInfo* const block = allocated_block(vpage, pages);
+  if (block == nullptr) {
     return fail_with(EFAULT);
   }
-  VMEM_PageInfo* const block = get_vmem_page_info(vpage);
   const long result = still_referenced ? 0 : free_physical_pages(block, pages, account);
   if (result != 0) {
     return result;
@@ -288,25 +288,16 @@ long VMEM_PageManager::free_physical_pages(VMEM_PageInfo* block, int pages, int 
   return 0;
 }
 
-long VMEM_PageManager::validate_allocated_block(long vpage, int pages) {
-  if (is_premapped_page(vpage)) {
-    die("Calling validate_allocated_block on premapped region");
-  }
-  const VMEM_PageInfo* const record = get_vmem_page_info(vpage);
-  const bool valid = record != nullptr && record->is_base_page() && !record->is_free() && record->block_size() == pages;
-  return valid ? 0 : -1;
-}
-
 long VMEM_PageManager::multimap_pages(void* addr, void* base, void* target_base, int pages, int prot, bool populate) {
   const long vpage = get_vmem_page_for_addr(base, addr);
   if (is_premapped_page(vpage)) {
     return 0;
   }
-  if (validate_allocated_block(vpage, pages) != 0) {
+  const VMEM_PageInfo* const block = allocated_block(vpage, pages);
+  if (block == nullptr) {
     return fail_with(EFAULT);
   }
   void* const target = static_cast<char*>(target_base) + (static_cast<char*>(addr) - static_cast<char*>(base));
-  const VMEM_PageInfo* const block = get_vmem_page_info(vpage);
   if (pages == block->pmem_map_size()) {
     return map_pages_with_possible_stomp(target, vpage, block->pmem_page(), pages, prot, populate);
   }
@@ -332,11 +323,11 @@ void* VMEM_PageManager::multimap_block_from_manager(void* base, VMEM_PageManager
     }
     result = multimap_run(base, source_page, pages, prot, populate);
   } else {
-    if (source->validate_allocated_block(source_page, pages) != 0) {
+    VMEM_PageInfo* const source_block = source->allocated_block(source_page, pages);
+    if (source_block == nullptr) {
       errno = EFAULT;
       return kNoAddress;
     }
-    VMEM_PageInfo* const source_block = source->get_vmem_page_info(source_page);
     if (pages == source_block->pmem_map_size()) {
       if (source_block->pmem_page() == kNoPage) {
         die("No PMEM page in VMEM pageinfo");
@@ -418,19 +409,28 @@ long VMEM_PageManager::populate_maps(void* base, void* addr, long pages, bool on
 
 long VMEM_PageManager::add_active_ref_count(void* base, void* addr, int pages, int delta) {
   const long vpage = get_vmem_page_for_addr(base, addr);
-  const bool premapped = is_premapped_page(vpage);
-  if (!premapped && validate_allocated_block(vpage, pages) != 0) {
+  if (is_premapped_page(vpage)) {
+    return add_active_ref_count_of_run(vpage, pages, delta);
+  }
+  const VMEM_PageInfo* const block = allocated_block(vpage, pages);
+  if (block == nullptr) {
     return -1;
   }
-  const VMEM_PageInfo* const block = premapped ? nullptr : get_vmem_page_info(vpage);
-  const long first_page = premapped ? vpage : block->pmem_page();
+  return pages == block->pmem_map_size() ? add_active_ref_count_of_run(block->pmem_page(), pages, delta)
+                                         : add_active_ref_count_of_runs(block, pages, delta);
+}
+
+// A single page has no others that it must be changed together with.
+inline long VMEM_PageManager::add_active_ref_count_of_run(long first_page, int pages, int delta) {
   if (pages == 1) {
-    return add_active_references(first_page, 1, delta, -1);
+    return PMEM::add_active_ref_count_for_page(first_page, delta);
   }
   const ByteLocker together(block_reference_lock(first_page));
-  if (premapped) {
-    return add_active_references(first_page, pages, delta, -1);
-  }
+  return add_active_references(first_page, pages, delta, -1);
+}
+
+long VMEM_PageManager::add_active_ref_count_of_runs(const VMEM_PageInfo* block, int pages, int delta) {
+  const ByteLocker together(block_reference_lock(block->pmem_page()));
   long count = -1;
   for (int i = 0; i < pages; i += block[i].pmem_map_size()) {
     count = add_active_references(block[i].pmem_page(), block[i].pmem_map_size(), delta, count);
@@ -446,14 +446,6 @@ long VMEM_PageManager::munmap_free_pages(std::span<void* const> alias_bases) {
   UnmapFreePages_Closure closure(alias_bases);
   _allocator->free_blocks_do_closure(&closure);
   return 0;
-}
-
-long VMEM_PageManager::get_vmem_page_for_addr(void* base, void* addr) {
-  const long offset = static_cast<char*>(addr) - static_cast<char*>(base);
-  if (offset < 0) {
-    die("Using negative offset into alias");
-  }
-  return offset >> kPageShift;
 }
 
 // The physical page behind an address, or -1.

@@ -6,9 +6,11 @@
 #include <span>
 
 #include "oxpliv/ox_pliv_records.h"
+#include "pmem/pmem_pageUnits.hpp"
 #include "utils/byteLock.hpp"
 #include "utils/firstFitAllocator.hpp"
 #include "utils/relaxed.hpp"
+#include "utils/reportAndDie.hpp"
 #include "vmem/vmem_pageInfo.hpp"
 
 namespace oxpliv {
@@ -85,8 +87,17 @@ class VMEM_PageManager {
 
   long allocate_pmem_pages(int account, int pages, bool multi);
   long allocate_virtual_pages(int pages);
-  long validate_allocated_block(long vpage, int pages);
-  static long get_vmem_page_for_addr(void* base, void* addr);
+  // 0 for the first page of a block of that size that is in use, else -1. A premapped page is fatal.
+  long validate_allocated_block(long vpage, int pages) const {
+    return allocated_block(vpage, pages) == nullptr ? -1 : 0;
+  }
+  static long get_vmem_page_for_addr(void* base, void* addr) {
+    const long offset = static_cast<char*>(addr) - static_cast<char*>(base);
+    if (offset < 0) {
+      die("Using negative offset into alias");
+    }
+    return offset >> kPageShift;
+  }
   VMEM_PageInfo* get_vmem_page_info(long vpage) const { return _pageinfo_manager.vmem_pageinfo(vpage); }
   bool is_premapped_page(long vpage) const { return vpage <= _last_premapped_page; }
   bool is_premapped_addr(void* base, void* addr) const { return is_premapped_page(get_vmem_page_for_addr(base, addr)); }
@@ -108,6 +119,9 @@ class VMEM_PageManager {
   unsigned char allowed_zone(unsigned char index) const { return _allowed_zones[index]; }
 
  private:
+  VMEM_PageInfo* allocated_block(long vpage, int pages) const;
+  static long add_active_ref_count_of_run(long first_page, int pages, int delta);
+  static long add_active_ref_count_of_runs(const VMEM_PageInfo* block, int pages, int delta);
   bool are_premapped(long first_page, int pages) const;
   long allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages, int prot,
                            bool populate);
@@ -135,5 +149,15 @@ class VMEM_PageManager {
   Relaxed<unsigned char> _zone_count;
   bool _initialized = false;
 };
+
+// The record of an allocated block, or null.
+inline VMEM_PageInfo* VMEM_PageManager::allocated_block(long vpage, int pages) const {
+  if (is_premapped_page(vpage)) {
+    die("Calling validate_allocated_block on premapped region");
+  }
+  VMEM_PageInfo* const record = get_vmem_page_info(vpage);
+  const bool valid = record != nullptr && record->is_base_page() && !record->is_free() && record->block_size() == pages;
+  return valid ? record : nullptr;
+}
 
 }  // namespace oxpliv

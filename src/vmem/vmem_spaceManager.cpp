@@ -334,7 +334,8 @@ void* VMEM_SpaceManager::base_addr_for_alias(long index) const {
 
 long VMEM_SpaceManager::alias_index_for_addr(void* addr) const {
   const auto address = reinterpret_cast<long>(addr);
-  for (int i = 0; i < alias_count(); ++i) {
+  const int count = alias_count();
+  for (int i = 0; i < count; ++i) {
     const auto base = reinterpret_cast<long>(_aliases[i].base);
     if (base <= address && static_cast<unsigned long>(address) - static_cast<unsigned long>(base) < _size) {
       return i;
@@ -344,7 +345,8 @@ long VMEM_SpaceManager::alias_index_for_addr(void* addr) const {
 }
 
 void* VMEM_SpaceManager::alias_base_for_addr(void* addr) const {
-  return base_addr_for_alias(alias_index_for_addr(addr));
+  const long index = alias_index_for_addr(addr);
+  return index == -1 ? nullptr : _aliases[index].base;
 }
 
 template <typename Lookup>
