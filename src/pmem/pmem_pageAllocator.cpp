@@ -329,8 +329,41 @@ void PMEM_FreeList::get_stats(unsigned long& free, unsigned long& free_low, unsi
 // ---- PMEM_PageQueue
 
 void PMEM_PageQueue::set_empty() {
-  _head = nullptr;
-  _tail = nullptr;
+  set_head(nullptr);
+  set_tail(nullptr);
+}
+
+void PMEM_PageQueue::set_head(PMEM_PageInfo* page) {
+  _head = page;
+  _without_free = {};
+  _without_uncommittable = {};
+}
+
+// Walks from the last record that is known to be passed over to the first one that is wanted and can be taken; `prev`
+// is then the record in front of it. Null, with nothing to be taken in the whole queue.
+template <typename Wanted, typename Take>
+PMEM_PageInfo* PMEM_PageQueue::find(Passed& passed, PMEM_PageInfo*& prev, Wanted wanted, Take take) {
+  const unsigned long changes = PMEM_PageInfo::linked_changes();
+  if (passed.changes != changes || (passed.was_last && wanted(*passed.last))) {
+    passed = {nullptr, false, changes};
+  }
+  prev = passed.last;
+  PMEM_PageInfo* record = prev == nullptr ? head() : prev->next();
+  while (record != nullptr && !(wanted(*record) && take(*record))) {
+    passed.last = record;
+    passed.was_last = record == _tail;
+    prev = record;
+    record = record->next();
+  }
+  return record;
+}
+
+// A record that was passed over is about to leave the queue, with the one in front of it following as the last known.
+void PMEM_PageQueue::Passed::step_back(const PMEM_PageInfo* leaving, PMEM_PageInfo* prev, bool prev_becomes_last) {
+  if (last == leaving) {
+    last = prev;
+  }
+  was_last = last != nullptr && (was_last || (prev_becomes_last && last == prev));
 }
 
 void PMEM_PageQueue::append_chain(PMEM_PageInfo* first, PMEM_PageInfo* last) {
@@ -361,6 +394,8 @@ void PMEM_PageQueue::remove(PMEM_PageInfo* page, PMEM_PageInfo* prev) {
       set_empty();
     } else {
       _head = next;
+      _without_free.step_back(page, nullptr, false);
+      _without_uncommittable.step_back(page, nullptr, false);
     }
     return;
   }
@@ -371,6 +406,8 @@ void PMEM_PageQueue::remove(PMEM_PageInfo* page, PMEM_PageInfo* prev) {
     die("node mismatch");
   }
   prev->set_next(next);
+  _without_free.step_back(page, prev, page == _tail);
+  _without_uncommittable.step_back(page, prev, page == _tail);
   if (page == _tail) {
     _tail = prev;
   }
@@ -437,11 +474,9 @@ long PMEM_PageQueue::allocate_funded_page(long& page) {
   const MutexLocker locker(free_list_mutex());
   page = kNoPage;
   PMEM_PageInfo* prev = nullptr;
-  PMEM_PageInfo* record = _head;
-  while (record != nullptr && !record->is_free()) {
-    prev = record;
-    record = record->next();
-  }
+  PMEM_PageInfo* const record = find(
+      _without_free, prev, [](const PMEM_PageInfo& candidate) { return candidate.is_free(); },
+      [](const PMEM_PageInfo&) { return true; });
   if (record == nullptr) {
     return fail_with(ENOMEM);
   }
@@ -495,25 +530,28 @@ long PMEM_PageQueue::uncommit_memory_chunk(unsigned long n, unsigned long& uncom
   uncommitted = 0;
   populated = 0;
   long pages[kChunkPages];
-  unsigned long count = 0;
-  {
-    const MutexLocker locker(free_list_mutex());
-    const unsigned long wanted = std::min(n, kChunkPages);
-    PMEM_PageInfo* prev = nullptr;
-    PMEM_PageInfo* record = _head;
-    while (record != nullptr && count < wanted) {
-      PMEM_PageInfo* const next = record->next();
-      if (record->is_funded() && record->try_lock() == 0) {
-        decrement_free_pages(1);
-        remove(record, prev);
-        pages[count++] = record->page_num();
-      } else {
-        prev = record;
-      }
-      record = next;
-    }
-  }
+  const unsigned long count = collect_uncommittable_pages(pages, std::min(n, kChunkPages));
   return uncommit_pages_and_record(pages, count, uncommitted, populated);
+}
+
+// Takes and locks up to n pages with memory from the front; those that others hold locked are passed over.
+unsigned long PMEM_PageQueue::collect_uncommittable_pages(long* pages, unsigned long n) {
+  const MutexLocker locker(free_list_mutex());
+  unsigned long count = 0;
+  while (count < n) {
+    PMEM_PageInfo* prev = nullptr;
+    PMEM_PageInfo* const record = find(
+        _without_uncommittable, prev,
+        [](const PMEM_PageInfo& candidate) { return candidate.is_funded() && !candidate.is_locked(); },
+        [](PMEM_PageInfo& candidate) { return candidate.try_lock() == 0; });
+    if (record == nullptr) {
+      break;
+    }
+    decrement_free_pages(1);
+    remove(record, prev);
+    pages[count++] = record->page_num();
+  }
+  return count;
 }
 
 long PMEM_PageQueue::refresh_free_pages(unsigned long& refreshed) {
@@ -576,25 +614,47 @@ void PMEM_PageQueue::test_add_page_to_defund(long page) {
 
 // ---- PMEM_AOFFList
 
-bool FindFundedPage_Closure::do_closure(unsigned long start, unsigned long size) {
-  for (unsigned long page = start; page < start + size && _funded_page == kNoPage; ++page) {
-    if (existing_page_info(static_cast<long>(page), "NULL page info during FindFundedPage_Closure")->is_free()) {
-      _funded_page = static_cast<long>(page);
+namespace {
+
+// Visits the records with memory of a range, until the visit answers true; the rest of the range costs nothing.
+template <typename Visit>
+void visit_funded(unsigned long start, unsigned long size, const char* message_if_missing, Visit visit) {
+  const long end = static_cast<long>(start + size);
+  for (long page = PMEM_PageInfo::next_funded(static_cast<long>(start)); page < end;
+       page = PMEM_PageInfo::next_funded(page + 1)) {
+    PMEM_PageInfo* const record = existing_page_info(page, message_if_missing);
+    if (record->is_funded() && visit(page, *record)) {
+      return;
     }
   }
-  return false;
+  if (size != 0) {
+    existing_page_info(end - 1, message_if_missing);
+  }
+}
+
+}  // namespace
+
+bool FindFundedPage_Closure::do_closure(unsigned long start, unsigned long size) {
+  if (_funded_page == kNoPage) {
+    visit_funded(start, size, "NULL page info during FindFundedPage_Closure", [this](long page, PMEM_PageInfo& record) {
+      _funded_page = record.is_free() ? page : kNoPage;
+      return record.is_free();
+    });
+  }
+  return _funded_page != kNoPage;
 }
 
 bool RefreshFundedPage_Closure::do_closure(unsigned long start, unsigned long size) {
-  for (unsigned long page = start; page < start + size && !_commit_failed; ++page) {
-    PMEM_PageInfo* const record =
-        existing_page_info(static_cast<long>(page), "NULL page info during RefreshFundedPage_Closure");
-    if (record->is_funded() && record->try_lock() == 0 && record->uncommit_memory() == 0) {
-      _commit_failed = record->commit_memory() != 0;
-      _refreshed_pages += _commit_failed ? 0 : 1;
-    }
+  if (!_commit_failed) {
+    visit_funded(start, size, "NULL page info during RefreshFundedPage_Closure", [this](long, PMEM_PageInfo& record) {
+      if (record.try_lock() == 0 && record.uncommit_memory() == 0) {
+        _commit_failed = record.commit_memory() != 0;
+        _refreshed_pages += _commit_failed ? 0 : 1;
+      }
+      return _commit_failed;
+    });
   }
-  return false;
+  return _commit_failed;
 }
 
 long PMEM_AOFFList::add_pages(long start, long end) {
@@ -656,7 +716,7 @@ long PMEM_AOFFList::allocate_specific_page(long page, bool& funded) {
 long PMEM_AOFFList::allocate_funded_page(long& page) {
   const MutexLocker locker(free_list_mutex());
   FindFundedPage_Closure closure;
-  _free_list.free_blocks_do_closure(&closure);
+  _free_list.free_blocks_until_true(&closure);
   page = closure.funded_page();
   if (page == kNoPage) {
     return fail_with(ENOMEM);
@@ -772,7 +832,7 @@ unsigned long PMEM_AOFFList::collect_funded_pages(long* pages, unsigned long n) 
 long PMEM_AOFFList::refresh_free_pages(unsigned long& refreshed) {
   const MutexLocker locker(free_list_mutex());
   RefreshFundedPage_Closure closure;
-  _free_list.free_blocks_do_closure(&closure);
+  _free_list.free_blocks_until_true(&closure);
   refreshed = closure.refreshed_pages();
   return closure.completed() ? 0 : -1;
 }

@@ -147,7 +147,7 @@ class PMEM_PageQueue : public PMEM_FreeList {
   PMEM_PageInfo* head() const { return _head; }
   PMEM_PageInfo* tail() const { return _tail; }
   bool is_empty() const { return _head == nullptr; }
-  void set_head(PMEM_PageInfo* page) { _head = page; }
+  void set_head(PMEM_PageInfo* page);
   void set_tail(PMEM_PageInfo* page) { _tail = page; }
   void set_empty();
 
@@ -158,13 +158,29 @@ class PMEM_PageQueue : public PMEM_FreeList {
   void test_add_page_to_defund(long page);
 
  private:
+  // The front of the queue as far as a search found nothing to take there, so that the next one starts behind. Good as
+  // long as PMEM_PageInfo::linked_changes stands still; its last record, while it is or was the queue's, is looked at
+  // anew.
+  struct Passed {
+    void step_back(const PMEM_PageInfo* leaving, PMEM_PageInfo* prev, bool prev_becomes_last);
+
+    PMEM_PageInfo* last = nullptr;
+    bool was_last = false;
+    unsigned long changes = 0;
+  };
+
   const char* check_free_list() override;
+  template <typename Wanted, typename Take>
+  PMEM_PageInfo* find(Passed& passed, PMEM_PageInfo*& prev, Wanted wanted, Take take);
+  unsigned long collect_uncommittable_pages(long* pages, unsigned long n);
   void append_chain(PMEM_PageInfo* first, PMEM_PageInfo* last);
   void hand_out(PMEM_PageInfo* page, PMEM_PageInfo* prev, long& page_num);
   void unlink_if_linked(PMEM_PageInfo* page);
 
   PMEM_PageInfo* _head = nullptr;
   PMEM_PageInfo* _tail = nullptr;
+  Passed _without_free;           // Free
+  Passed _without_uncommittable;  // with memory and not locked
 };
 
 // Finds the lowest-numbered page of the free ranges that has memory.

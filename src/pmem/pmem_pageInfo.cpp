@@ -16,6 +16,8 @@ PMEM_PageInfo* PMEM_PageInfo::_page_info_base = nullptr;
 PMEM_PageInfo* PMEM_PageInfo::_page_info_top = nullptr;
 PMEM_PageInfo* PMEM_PageInfo::_page_info_end = nullptr;
 Relaxed<uint16_t> PMEM_PageInfo::_zone_of_table_page[kTablePages];
+AtomicBitmap PMEM_PageInfo::_funded_pages;
+Relaxed<unsigned long> PMEM_PageInfo::_linked_changes;
 
 long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
   const unsigned long native_page = PMEM_Helper::native_small_page_size();
@@ -30,7 +32,7 @@ long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
     return -1;
   }
   InternalMemoryUsage::inc_internal_usage(static_cast<unsigned long>(table.end - table.base));
-  std::fill(_zone_of_table_page, _zone_of_table_page + table_pages(), kNoneHasZone);  // of a table before this one
+  forget_table();
   _page_info_base = reinterpret_cast<PMEM_PageInfo*>(table.base);
   _page_info_top = reinterpret_cast<PMEM_PageInfo*>(table.top);
   _page_info_end = reinterpret_cast<PMEM_PageInfo*>(table.end);
@@ -40,6 +42,27 @@ long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
     record->mark_disallowed();
   }
   return 0;
+}
+
+// What is kept beside a table, when another takes its place.
+void PMEM_PageInfo::forget_table() {
+  std::fill(_zone_of_table_page, _zone_of_table_page + table_pages(), kNoneHasZone);
+  for (long page = next_funded(0); page < _page_info_top - _page_info_base; page = next_funded(page + 1)) {
+    _page_info_base[page].note_memory(false);
+  }
+}
+
+// The bit is set or cleared before anybody can change the page again: commits and uncommits of a page are made by one
+// thread at a time. Setting it stands between the store of the state and the look at the link: whoever links the record
+// later, and looks at its state then, sees the state.
+void PMEM_PageInfo::note_memory(bool has_memory) {
+  const auto number = static_cast<unsigned long>(page_num());
+  if (number < AtomicBitmap::kBits) {
+    has_memory ? _funded_pages.set(number) : _funded_pages.clear(number);
+  }
+  if (has_memory) {
+    note_change_if_linked();
+  }
 }
 
 bool PMEM_PageInfo::give_table_page_to_zone(unsigned long table_page, unsigned char zone_id) {
@@ -108,6 +131,7 @@ long PMEM_PageInfo::expand_and_mark_free(unsigned long num_pages, bool prefund) 
 long PMEM_PageInfo::unlock() {
   switch (_lock.unlock()) {
     case ByteLock::Unlock::Done:
+      note_change_if_linked();
       break;
     case ByteLock::Unlock::NotLocked:
       die("Attempting to unlock PMEM PageInfo that was not locked");

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "pmem/pmem_pageUnits.hpp"
+#include "utils/atomicBitmap.hpp"
 #include "utils/byteLock.hpp"
 #include "utils/relaxed.hpp"
 
@@ -72,7 +73,13 @@ class PMEM_PageInfo {
   bool is_allocated() const { return state() == Allocated; }
   bool is_disallowed() const { return state() == Disallowed; }
   bool is_allocatable() const { return is_not_funded() || is_free(); }
-  bool is_funded() const;
+  bool is_funded() const { return has_memory(state()); }
+  // The first page from this one on that may have memory. Exact below AtomicBitmap::kBits pages, every page beyond.
+  static long next_funded(long page);
+
+  // Counts up when a linked record (one with a next) becomes Free, gets memory or is unlocked: what a list learnt about
+  // its records while the count stood still holds. The last record of a list has no next, and is to be looked at anew.
+  static unsigned long linked_changes() { return _linked_changes.acquire(); }
 
   // Unchecked; for building the table, prefunding and growth.
   void mark_not_funded() { set_state(NotFunded); }
@@ -109,8 +116,10 @@ class PMEM_PageInfo {
 
  private:
   State state() const { return static_cast<State>(_state.load(std::memory_order_acquire)); }
-  // Release, with the acquire above: who sees a page Free or Allocated also sees what was done to its record before.
-  void set_state(State state) { _state.store(state, std::memory_order_release); }
+  static bool has_memory(State state) { return state != NotFunded && state != Disallowed; }
+  void set_state(State state);
+  void note_memory(bool has_memory);
+  void note_change_if_linked();
   void check_in_table() const;
   void check_state(State wanted, const char* message) const;
   const char* state_name() const;
@@ -127,6 +136,7 @@ class PMEM_PageInfo {
   static unsigned long table_pages() {
     return std::min(kTablePages, static_cast<unsigned long>(_page_info_top - _page_info_base) / kTablePage);
   }
+  static void forget_table();
   static bool give_table_page_to_zone(unsigned long table_page, unsigned char zone_id);
   unsigned long table_page() const { return static_cast<unsigned long>(page_num()) / kTablePage; }
   uint16_t zone_of_table_page() const;
@@ -136,6 +146,8 @@ class PMEM_PageInfo {
   static PMEM_PageInfo* _page_info_top;
   static PMEM_PageInfo* _page_info_end;
   static Relaxed<uint16_t> _zone_of_table_page[kTablePages];
+  static AtomicBitmap _funded_pages;
+  static Relaxed<unsigned long> _linked_changes;
 
   std::atomic<uint8_t> _state;
   ByteLock _lock;

@@ -32,9 +32,26 @@ inline unsigned char PMEM_PageInfo::zone_id() const {
   return static_cast<unsigned char>(zone_plus_one - 1);
 }
 
-inline bool PMEM_PageInfo::is_funded() const {
-  const State seen = state();
-  return seen != NotFunded && seen != Disallowed;
+inline long PMEM_PageInfo::next_funded(long page) {
+  const auto number = static_cast<unsigned long>(page);
+  return number < AtomicBitmap::kBits ? static_cast<long>(_funded_pages.next(number)) : page;
+}
+
+inline void PMEM_PageInfo::note_change_if_linked() {
+  if (next() != nullptr) {
+    _linked_changes.add(1);
+  }
+}
+
+// Release, with the acquire of reading it: who sees a page Free or Allocated also sees what was done to its record before.
+inline void PMEM_PageInfo::set_state(State new_state) {
+  const State old_state = state();
+  _state.store(new_state, std::memory_order_release);
+  if (has_memory(new_state) != has_memory(old_state)) {
+    note_memory(has_memory(new_state));
+  } else if (new_state == Free) {
+    note_change_if_linked();
+  }
 }
 
 inline bool PMEM_PageInfo::claim_pretouch_link() {

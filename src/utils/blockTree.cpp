@@ -37,7 +37,10 @@ bool BlockTree::Node::learn(int side, bool with_places) {
 }
 
 BlockTree::~BlockTree() {
-  visit_nodes(_root, [](Node& node) { CustomCHeapAllocator<Node>().deallocate(&node, 1); });
+  visit_nodes(_root, [](Node& node) {
+    CustomCHeapAllocator<Node>().deallocate(&node, 1);
+    return false;
+  });
 }
 
 BlockTree::Path BlockTree::find_first() const {
@@ -130,8 +133,7 @@ void BlockTree::erase(Path& path) {
 // last_changed, the highest place where the block is another one.
 void BlockTree::settle(Path& path, int depth, int growth, int last_changed) {
   for (; depth > 0; --depth) {
-    Node* const node = path._nodes[depth - 1];
-    const int side = path._sides[depth - 1];
+    const auto [node, side] = path._steps[depth - 1];
     const bool known = node->learn(side, !_in_order);
     if (growth != 0) {
       node->balance += side == kFront ? -growth : growth;
@@ -206,6 +208,7 @@ void BlockTree::lay_chain() {
     node.child[kFront] = nullptr;
     *link = &node;
     link = &node.child[kBehind];
+    return false;
   });
   *link = nullptr;
   _root = first;
@@ -240,6 +243,7 @@ bool BlockTree::is_sound() const {
   visit_nodes(_root, [&](const Node& node) {
     ++count;
     chained = chained && node.child[kFront] == nullptr;
+    return false;
   });
   return count == _count && (_has_tree ? sound_height(_root) != kUnsound : chained);
 }

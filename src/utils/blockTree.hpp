@@ -36,17 +36,18 @@ class BlockTree {
     static constexpr int kNone = -1;
     static constexpr int kMaxDepth = 96;  // more than the height of a tree that fills the address space
 
-    void step(Node* node, int side) {
-      _nodes[_depth] = node;
-      _sides[_depth++] = side;
-    }
+    struct Step {
+      Node* node;
+      int side;  // where the way goes on from there
+    };
 
-    Node* _nodes[kMaxDepth];  // from the root on, the node itself left out
-    int _sides[kMaxDepth];    // where the way goes on from there
-    int _depth = 0;
+    void step(Node* node, int side) { _steps[_depth++] = {node, side}; }
+
     Node* _found = nullptr;
+    int _depth = 0;
     int _found_depth = 0;
     int _previous_depth = kNone;
+    Step _steps[kMaxDepth];  // from the root on, the block itself left out; last, since few of them are touched
   };
 
   BlockTree() = default;
@@ -82,10 +83,17 @@ class BlockTree {
     }
   }
 
-  // Calls visit(block) for each block, in list order.
+  // Calls visit(block) for each block, in list order; until_true ends when the visit answers true.
   template <typename Visit>
   void for_each(Visit visit) const {
-    visit_nodes(_root, [&visit](Node& node) { visit(node.block); });
+    until_true([&visit](AddressBlock block) {
+      visit(block);
+      return false;
+    });
+  }
+  template <typename Visit>
+  void until_true(Visit visit) const {
+    visit_nodes(_root, [&visit](Node& node) { return visit(node.block); });
   }
 
   // Whether everything is as the invariant says.
@@ -116,9 +124,9 @@ class BlockTree {
   void find_place_in_tree(Path& path, Reaches reaches) const;
   void find_size_in_tree(Path& path, unsigned long size) const;
   template <typename Visit>
-  static void visit_nodes(Node* node, const Visit& visit);
+  static bool visit_nodes(Node* node, const Visit& visit);
   Node*& slot(Path& path, int depth) {
-    return depth == 0 ? _root : path._nodes[depth - 1]->child[path._sides[depth - 1]];
+    return depth == 0 ? _root : path._steps[depth - 1].node->child[path._steps[depth - 1].side];
   }
   void settle(Path& path, int depth, int growth, int last_changed);
   int rebalance(Node*& top, int growth);
@@ -144,7 +152,7 @@ inline AddressBlock& BlockTree::Path::block() const {
 }
 
 inline AddressBlock& BlockTree::Path::previous() const {
-  return _nodes[_previous_depth]->block;
+  return _steps[_previous_depth].node->block;
 }
 
 template <typename Reaches>
@@ -194,13 +202,15 @@ void BlockTree::find_place_in_tree(Path& path, Reaches reaches) const {
 }
 
 template <typename Visit>
-void BlockTree::visit_nodes(Node* node, const Visit& visit) {
+bool BlockTree::visit_nodes(Node* node, const Visit& visit) {
   while (node != nullptr) {
-    visit_nodes(node->child[kFront], visit);
-    Node* const next = node->child[kBehind];  // the visitor may free the node
-    visit(*node);
-    node = next;
+    Node* const behind = node->child[kBehind];  // the visitor may free the node
+    if (visit_nodes(node->child[kFront], visit) || visit(*node)) {
+      return true;
+    }
+    node = behind;
   }
+  return false;
 }
 
 }  // namespace oxpliv

@@ -119,6 +119,10 @@ void AOFirstFitAllocator::free_blocks_do_closure(Allocator_Closure* closure) {
   _free_list.for_each([closure](AddressBlock block) { closure->do_closure(block.start(), block.size()); });
 }
 
+void AOFirstFitAllocator::free_blocks_until_true(Allocator_Closure* closure) {
+  _free_list.until_true([closure](AddressBlock block) { return closure->do_closure(block.start(), block.size()); });
+}
+
 const char* AOFirstFitAllocator::Check() const {
   unsigned long lowest_start = 0;
   bool in_order = true;

@@ -4,7 +4,8 @@
 
 namespace oxpliv {
 
-// Visits free ranges. The result of a visit is ignored: a closure that has seen enough ignores further visits itself.
+// Visits free ranges. do_closure answers whether it has seen enough; where that is ignored, it ignores further visits
+// itself.
 class Allocator_Closure {
  public:
   virtual bool do_closure(unsigned long start, unsigned long size) = 0;
@@ -67,6 +68,9 @@ class AOFirstFitAllocator : public Allocator {
 
   // Visits a copy of every free range, in list order.
   void free_blocks_do_closure(Allocator_Closure* closure) override;
+
+  // The same, until the closure answers true.
+  void free_blocks_until_true(Allocator_Closure* closure);
 
   // Every free unit, or every free range, on standard output.
   void print_freelist() override;
