@@ -12,15 +12,20 @@
 #include <utility>
 #include <vector>
 
+#include "support/heap.hpp"
+#include "support/interpose.hpp"
+#include "support/run.hpp"
 #include "support/sorted_list_ranges.hpp"
 #include "utils/firstFitAllocator.hpp"
 
+namespace oxbench {
+
 namespace {
 
-using oxbench::SortedListRanges;
 using oxpliv::AOFirstFitAllocator;
 
 constexpr std::array<unsigned long, 6> kHoleCounts{10, 100, 1'000, 10'000, 100'000, 1'000'000};
+constexpr unsigned long kQuickHoles = 10'000;
 constexpr double kSeconds = 0.02;  // of each measurement: there are many
 
 unsigned long range_count(const SortedListRanges& ranges) {
@@ -203,17 +208,25 @@ void measure(benchmark::State& state, unsigned long holes) {
   }
 }
 
-template <typename Ranges, typename Work, typename Order>
-void add(const std::string& name, unsigned long holes) {
-  benchmark::RegisterBenchmark(name.c_str(), measure<Ranges, Work, Order>, holes)->MinTime(kSeconds);
+template <typename Function>
+void add_measurement(const std::string& name, const Function& function) {
+  benchmark::internal::Benchmark* const added = add(name, function);
+  if (!is_quick()) {
+    added->MinTime(kSeconds);
+  }
 }
 
 template <typename Work, typename Order>
 void add_case(const std::string& name) {
   for (const unsigned long holes : kHoleCounts) {
+    if (is_quick() && holes > kQuickHoles) {
+      break;
+    }
     const std::string prefix = "ranges/" + name + "/" + std::to_string(holes) + "/";
-    add<AOFirstFitAllocator, Work, Order>(prefix + "oxpliv", holes);
-    add<SortedListRanges, Work, Order>(prefix + "sorted list", holes);
+    add_measurement(prefix + "oxpliv",
+                    [holes](benchmark::State& state) { measure<AOFirstFitAllocator, Work, Order>(state, holes); });
+    add_measurement(prefix + "sorted list",
+                    [holes](benchmark::State& state) { measure<SortedListRanges, Work, Order>(state, holes); });
   }
 }
 
@@ -226,7 +239,103 @@ void add_case_in_every_order(const std::string& name) {
   add_case<Work, LastOrder>("last " + name);
 }
 
-[[maybe_unused]] const bool registered = [] {
+// ---- The same through the exported calls, where every space and every zone that hands out blocks has its ranges
+
+constexpr int kUncachedAccount = 0;
+constexpr uint64_t kPeriodPages = 4;  // a page that is freed, one that stays, and a block of two that is measured
+
+struct SpaceWithHoles {
+  Space space;
+  uint64_t holes;
+};
+
+char* measured_block(const SpaceWithHoles& subject, unsigned long hole) {
+  return subject.space.aliases[0] + pages(hole * kPeriodPages + 2);
+}
+
+// The space, and the zone that it has for itself, are full but for the holes, which are too small for the block.
+void make_holes(const SpaceWithHoles& subject) {
+  std::vector<char*> blocks;
+  for (uint64_t hole = 0; hole < subject.holes; ++hole) {
+    blocks.push_back(subject.space.allocate(1, kUncachedAccount));
+    subject.space.allocate(1, kUncachedAccount);
+    if (subject.space.allocate(2, kUncachedAccount) != measured_block(subject, hole)) {
+      fail("laying out blocks");
+    }
+  }
+  std::shuffle(blocks.begin(), blocks.end(), std::mt19937_64(subject.holes));
+  for (char* const block : blocks) {
+    subject.space.release(block, 1, kUncachedAccount);
+  }
+}
+
+void measure_exported(benchmark::State& state, const SpaceWithHoles& subject) {
+  RandomOrder order(subject.holes);
+  bool right = true;
+  for ([[maybe_unused]] auto unused : state) {
+    char* const block = measured_block(subject, order.next());
+    subject.space.release(block, 2, kUncachedAccount);
+    right = subject.space.allocate(2, kUncachedAccount) == block && right;
+  }
+  if (!right) {
+    state.SkipWithError("the block went to another place than its own");
+  }
+}
+
+// What the calls do with ranges, once for the space and, if it hands out blocks, once for the zone.
+void measure_lists(benchmark::State& state, unsigned long holes, int lists) {
+  SortedListRanges& ranges = ranges_with_holes<SortedListRanges>(kSmallHoles, holes);
+  RandomOrder order(holes);
+  bool right = true;
+  for ([[maybe_unused]] auto unused : state) {
+    const unsigned long block = order.next() * kSmallHoles.period + 2;
+    for (int list = 0; list < lists; ++list) {
+      right = ranges.free_block(block, 2) == 0 && ranges.alloc_block(2) == block && right;
+    }
+  }
+  if (!right) {
+    state.SkipWithError("the ranges are not what they must be");
+  }
+}
+
+void add_exported_case(const std::string& name, uint64_t first_page, uint64_t holes, bool block_zone) {
+  const std::string prefix = "ranges/exported, " + name + ", system calls do nothing/" + std::to_string(holes) + "/";
+  add_measurement(prefix + "oxpliv", [=](benchmark::State& state) {
+    static std::map<uint64_t, SpaceWithHoles> built;  // by the first page of the zone
+    auto found = built.find(first_page);
+    if (found == built.end()) {
+      const uint64_t count = holes * kPeriodPages;
+      const long zone = add_zone(first_page, count, block_zone);
+      found = built.insert({first_page, {add_space({.pages = count, .zone = zone}), holes}}).first;
+      make_holes(found->second);
+    }
+    measure_exported(state, found->second);
+  });
+  add_measurement(prefix + "sorted list alone",
+                  [holes, block_zone](benchmark::State& state) { measure_lists(state, holes, block_zone ? 2 : 1); });
+}
+
+void add_exported_cases() {
+  uint64_t pages_so_far = 0;
+  const auto add_next = [&pages_so_far](const std::string& name, uint64_t holes, bool block_zone) {
+    if (holes <= (is_quick() ? kQuickHoles : kHoleCounts.back())) {
+      add_exported_case(name, pages_so_far, holes, block_zone);
+      pages_so_far += holes * kPeriodPages;
+    }
+  };
+  for (const uint64_t holes : kHoleCounts) {
+    add_next("zone of single pages", holes, false);
+    add_next("zone of blocks", holes, true);
+  }
+  start_heap({.initial_pages = 1, .maximum_pages = pages_so_far, .zones = 0, .prefund = false});
+  add_account(kUncachedAccount, pages_so_far);
+  pretend_maps(true);
+  pretend_fallocate(true);
+}
+
+}  // namespace
+
+void register_benchmarks() {
   add_case<LowestUnit, LastOrder>("lowest 1-unit");
   add_case_in_every_order<OneUnit>("1-unit");
   add_case_in_every_order<SeveralUnits>("5-unit");
@@ -234,7 +343,7 @@ void add_case_in_every_order(const std::string& name) {
   add_case<LastUnit, RandomOrder>("random last unit of a range");
   add_case<WholeRange, RandomOrder>("random whole range");
   add_case<MiddleUnit, RandomOrder>("random middle unit of a range");
-  return true;
-}();
+  add_exported_cases();
+}
 
-}  // namespace
+}  // namespace oxbench

@@ -3,10 +3,12 @@
 
 #include "support/interpose.hpp"
 
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 
 namespace oxbench {
@@ -22,6 +24,8 @@ struct Tally {
 
 std::atomic<Watch> watched{Watch::Nothing};
 std::atomic<bool> fallocate_pretends{false};
+std::atomic<bool> maps_pretend{false};
+std::atomic<bool> commits_refused{false};
 thread_local std::vector<MapCall>* recorded_maps = nullptr;
 
 Tally mmap_tally;
@@ -61,6 +65,14 @@ void pretend_fallocate(bool pretend) {
   fallocate_pretends.store(pretend, std::memory_order_relaxed);
 }
 
+void pretend_maps(bool pretend) {
+  maps_pretend.store(pretend, std::memory_order_relaxed);
+}
+
+void refuse_commits(bool refuse) {
+  commits_refused.store(refuse, std::memory_order_relaxed);
+}
+
 void begin_recording_maps() {
   recorded_maps = new std::vector<MapCall>;
 }
@@ -82,8 +94,12 @@ void* mmap64(void* address, size_t length, int protection, int flags, int descri
   if (oxbench::recorded_maps != nullptr) [[unlikely]] {
     oxbench::recorded_maps->push_back({address, length, protection, flags, descriptor, offset});
   }
-  return reinterpret_cast<void*>(oxbench::watch_call(
-      oxbench::mmap_tally, [=] { return syscall(SYS_mmap, address, length, protection, flags, descriptor, offset); }));
+  return reinterpret_cast<void*>(oxbench::watch_call(oxbench::mmap_tally, [=]() -> long {
+    if ((flags & MAP_FIXED) != 0 && oxbench::maps_pretend.load(std::memory_order_relaxed)) {
+      return reinterpret_cast<long>(address);
+    }
+    return syscall(SYS_mmap, address, length, protection, flags, descriptor, offset);
+  }));
 }
 
 int munmap(void* address, size_t length) noexcept {
@@ -98,6 +114,10 @@ int madvise(void* address, size_t length, int advice) noexcept {
 
 int fallocate64(int descriptor, int mode, off_t offset, off_t length) {
   return static_cast<int>(oxbench::watch_call(oxbench::fallocate_tally, [=]() -> long {
+    if (mode == 0 && oxbench::commits_refused.load(std::memory_order_relaxed)) {
+      errno = ENOSPC;
+      return -1;
+    }
     if (oxbench::fallocate_pretends.load(std::memory_order_relaxed)) {
       return 0;
     }

@@ -39,6 +39,12 @@ SystemCalls take_system_calls();
 // fallocate64 succeeds and does nothing, so that what the library itself does can be timed without the system's share.
 void pretend_fallocate(bool pretend);
 
+// mmap64 at a fixed address succeeds and does nothing: what is "mapped" so must not be touched.
+void pretend_maps(bool pretend);
+
+// fallocate64 refuses to commit for lack of space; it still gives memory back.
+void refuse_commits(bool refuse);
+
 struct MapCall {
   void* address;
   size_t length;
