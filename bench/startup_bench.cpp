@@ -1,0 +1,140 @@
+// Start-up by the size of the heap: time and resident memory of each step, beside the same step for 64 GiB. No memory
+// is committed, which would take longer than all else. Each step is made once, in a process of its own.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "support/child.hpp"
+#include "support/heap.hpp"
+#include "support/run.hpp"
+
+namespace oxbench {
+
+namespace {
+
+constexpr uint64_t kPagesOfGiB = 512;
+constexpr uint64_t kBaselineGiB = 64;
+constexpr int kChildren = 5;  // a repetition
+
+struct Cost {
+  double seconds;
+  double resident_bytes;
+};
+
+// From the page tables: the counters in /proc/self/statm lag behind.
+double resident_bytes() {
+  static char text[4096];
+  const int file = open("/proc/self/smaps_rollup", O_RDONLY);
+  const ssize_t length = read(file, text, sizeof text - 1);
+  close(file);
+  text[length > 0 ? length : 0] = 0;
+  const char* const line = std::strstr(text, "\nRss:");
+  if (line == nullptr) {
+    fail("reading the resident memory");
+  }
+  return 1024.0 * std::strtod(line + 5, nullptr);
+}
+
+template <typename Step>
+Cost cost_of(const Step& step) {
+  const double resident_before = resident_bytes();
+  const auto start = std::chrono::steady_clock::now();
+  step();
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  return {elapsed.count(), resident_bytes() - resident_before};
+}
+
+void initialize(uint64_t maximum_pages) {
+  start_heap({.initial_pages = 0, .maximum_pages = maximum_pages, .zones = 0});
+}
+
+Cost initialization(uint64_t maximum_pages) {
+  ox_pliv_configuration_t config{};
+  config.max_commit_bytes = pages(maximum_pages);
+  return cost_of([&] { check(ox_initialize_pliv(&config), "initialization"); });
+}
+
+Cost registration(uint64_t maximum_pages, uint64_t cache_pages) {
+  initialize(maximum_pages);
+  return cost_of([=] {
+    check(ox_register_space_pliv(pages(maximum_pages), 0, pages(cache_pages), cache_pages == 0 ? 0 : 2),
+          "registration of a space");
+  });
+}
+
+Cost space(uint64_t maximum_pages) {
+  return registration(maximum_pages, 0);
+}
+
+Cost cached_space(uint64_t maximum_pages) {
+  return registration(maximum_pages, kPagesOfGiB);
+}
+
+Cost zone(uint64_t maximum_pages, int supports_blocks) {
+  initialize(maximum_pages);
+  return cost_of([=] {
+    const int64_t id = ox_create_pzone_pliv(0, pages(1), pages(maximum_pages), supports_blocks);
+    if (id != 0) {
+      fail("creation of a zone");
+    }
+  });
+}
+
+Cost single_page_zone(uint64_t maximum_pages) {
+  return zone(maximum_pages, 0);
+}
+
+Cost block_zone(uint64_t maximum_pages) {
+  return zone(maximum_pages, 1);
+}
+
+using Step = Cost (*)(uint64_t maximum_pages);
+
+void measure(benchmark::State& state, Step step, uint64_t maximum_gib) {
+  double resident = 0;
+  for ([[maybe_unused]] auto unused : state) {
+    const Cost cost = in_child([=] { return step(maximum_gib * kPagesOfGiB); });
+    state.SetIterationTime(cost.seconds);
+    resident += cost.resident_bytes;
+  }
+  state.counters["resident_bytes"] = benchmark::Counter(resident, benchmark::Counter::kAvgIterations);
+}
+
+void add_subject(const std::string& name, Step step, uint64_t maximum_gib) {
+  add(name, [=](benchmark::State& state) { measure(state, step, maximum_gib); })
+      ->Iterations(is_quick() ? 1 : kChildren)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
+std::string size_text(uint64_t gib) {
+  return gib < 1024 ? std::to_string(gib) + " GiB" : std::to_string(gib / 1024) + " TiB";
+}
+
+void add_step(const std::string& name, Step step) {
+  for (const uint64_t gib : {kBaselineGiB, 256UL, 1024UL, 4096UL, 16384UL}) {
+    const std::string prefix = "start-up/" + name + ", " + size_text(gib) + "/";
+    add_subject(prefix + "oxpliv", step, gib);
+    if (gib != kBaselineGiB) {
+      add_subject(prefix + size_text(kBaselineGiB), step, kBaselineGiB);
+    }
+  }
+}
+
+}  // namespace
+
+void register_benchmarks() {
+  add_step("initialization", initialization);
+  add_step("space", space);
+  add_step("cached space", cached_space);
+  add_step("zone of single pages", single_page_zone);
+  add_step("zone of blocks", block_zone);
+}
+
+}  // namespace oxbench
