@@ -1,0 +1,73 @@
+// Commits on explicit huge pages, out of a pool that is as large as before when the benchmark ends.
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "support/commit.hpp"
+
+namespace oxbench {
+
+namespace {
+
+constexpr const char* kPoolFile = "/proc/sys/vm/nr_hugepages";
+constexpr long kPoolPages = static_cast<long>(kCommitPages) + 8;
+
+long pool_before = -1;
+
+long pool_size() {
+  long pages_in_pool = -1;
+  std::ifstream(kPoolFile) >> pages_in_pool;
+  return pages_in_pool;
+}
+
+bool set_pool_size(long count) {
+  std::ofstream(kPoolFile) << count << std::flush;
+  return pool_size() >= count;
+}
+
+void restore_pool() {
+  set_pool_size(pool_before);
+}
+
+void restore_pool_and_end(int signal) {
+  restore_pool();
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+bool have_pool() {
+  pool_before = pool_size();
+  if (pool_before < 0) {
+    return false;
+  }
+  std::atexit(restore_pool);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGABRT, SIGSEGV, SIGBUS}) {
+    std::signal(signal, restore_pool_and_end);
+  }
+  return set_pool_size(pool_before + kPoolPages);
+}
+
+}  // namespace
+
+void register_benchmarks() {
+  if (!have_pool()) {
+    add("commit/huge pages/oxpliv", [](benchmark::State& state) {
+      skip(state, "the system gives no pool of " + std::to_string(kPoolPages) + " huge pages");
+    });
+    return;
+  }
+  start_heap({.initial_pages = 1, .maximum_pages = kCommitPages + 1, .page_kind = PageKind::Explicit});
+  if (ox_pmem_using_explicit_huge_pages_pliv() != 1 || calls_of_commit().mmap.count != kCommitPages) {
+    fail("committing explicit huge pages with one mapping a page");
+  }
+  const BareFile file(MFD_HUGETLB);
+  add_commit_case("huge pages", "oxpliv", commit_account, uncommit_account);
+  add_commit_case(
+      "huge pages", "fallocate", [file] { file.allocate(); }, [file] { file.punch(); });
+  add_commit_case(
+      "huge pages", "touch", [file] { file.map_and_touch(); }, [file] { file.punch(); });
+}
+
+}  // namespace oxbench

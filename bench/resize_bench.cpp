@@ -1,0 +1,260 @@
+// Growing and shrinking the committed memory, beside the bare system calls; and taking the only page of a zone that has
+// memory while the system has none to give. Each measurement is made in a process of its own.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/child.hpp"
+#include "support/heap.hpp"
+#include "support/interpose.hpp"
+#include "support/run.hpp"
+
+namespace oxbench {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned kUnused = 0;
+constexpr uint64_t kZones = 16;
+constexpr uint64_t kFundPages = kZones;  // account 2 begins with a page for each zone
+
+// What lies in front of the pages that come and go.
+enum class Front {
+  Unfunded,  // initial pages that nobody has used yet, without memory
+  Busy       // pages that were refreshed, which are never given back
+};
+
+// How the pages that come and go lie in the zone.
+enum class Layout {
+  Run,     // one behind the other
+  Singles  // between pages that are in use, and freed in random order
+};
+
+struct Resize {
+  bool block_zones;
+  uint64_t resized_pages;
+  Front front = Front::Unfunded;
+  uint64_t front_pages = 0;  // in all zones together
+  Layout layout = Layout::Run;
+  bool real_calls = false;
+};
+
+// ---- The heap
+
+void fund(int64_t page_count) {
+  const uint64_t bytes = static_cast<uint64_t>(page_count) * kPage;
+  const int64_t done = ox_pmem_fund_account_pliv(kUnused, kCachedAccount + kPartialResult, bytes);
+  if (done != std::abs(page_count)) {
+    fail("resizing by " + std::to_string(page_count) + " pages, of which " + std::to_string(done) + " were done,");
+  }
+}
+
+void create_zones(uint64_t zones, uint64_t initial_pages, uint64_t maximum_pages, bool blocks) {
+  start_heap({.initial_pages = 0, .maximum_pages = zones * maximum_pages, .zones = 0});
+  check(ox_pmem_fund_account_pliv(kUnused, kCachedAccount, pages(kFundPages)), "creation of account 2");
+  for (uint64_t zone = 0; zone < zones; ++zone) {
+    const int64_t id =
+        ox_create_pzone_pliv(pages(zone * maximum_pages), pages(initial_pages), pages(maximum_pages), blocks ? 1 : 0);
+    if (id != static_cast<int64_t>(zone)) {
+      fail("creation of a zone");
+    }
+  }
+}
+
+// Leaves as many pages free as are resized, each between two that stay in use.
+void scatter_free_pages(const Space& space, uint64_t page_count) {
+  std::vector<char*> to_free;
+  for (uint64_t i = 0; i < page_count; ++i) {
+    space.allocate(1, kCachedAccount);
+    to_free.push_back(space.allocate(1, kCachedAccount));
+  }
+  std::shuffle(to_free.begin(), to_free.end(), std::mt19937_64(page_count));
+  for (char* const block : to_free) {
+    space.release(block, 1, kCachedAccount);
+  }
+}
+
+void set_up(const Resize& resize) {
+  const uint64_t initial = resize.front == Front::Unfunded ? resize.front_pages : 0;
+  const uint64_t busy = resize.front == Front::Busy ? resize.front_pages : 0;
+  const uint64_t grown = (resize.layout == Layout::Singles ? 2 : 1) * resize.resized_pages;
+  create_zones(kZones, std::max(initial / kZones, 1UL), (std::max(initial, kZones) + busy + grown) / kZones,
+               resize.block_zones);
+  const Space space = add_space({.pages = kZones + grown});
+  if (initial == 0) {  // a zone can't be empty at first: its one page is put to use
+    for (uint64_t zone = 0; zone < kZones; ++zone) {
+      space.allocate(1, kCachedAccount);
+    }
+  }
+  if (busy > 0) {
+    fund(static_cast<int64_t>(busy));
+    if (ox_refresh_free_memory_pliv() != static_cast<int64_t>(pages(busy))) {
+      fail("refreshing the pages in front");
+    }
+  }
+  fund(static_cast<int64_t>(grown));
+  if (resize.layout == Layout::Singles) {
+    scatter_free_pages(space, resize.resized_pages);
+  }
+}
+
+// ---- Measurements of resizing
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+int rounds_of(const Resize& resize) {
+  return resize.real_calls || is_quick() ? 1 : 5;
+}
+
+void shrink_and_grow(const Resize& resize) {
+  fund(-static_cast<int64_t>(resize.resized_pages));
+  fund(static_cast<int64_t>(resize.resized_pages));
+}
+
+// One round, which must commit and give back every page by a call of its own.
+void check_calls(const Resize& resize) {
+  take_system_calls();
+  watch_system_calls(Watch::Count);
+  shrink_and_grow(resize);
+  watch_system_calls(Watch::Nothing);
+  if (take_system_calls().fallocate.count != 2 * resize.resized_pages) {
+    fail("giving back and committing each page once");
+  }
+}
+
+double time_of_library(const Resize& resize) {
+  pretend_fallocate(!resize.real_calls);
+  pretend_maps(true);
+  set_up(resize);
+  check_calls(resize);
+  const auto start = Clock::now();
+  for (int round = 0; round < rounds_of(resize); ++round) {
+    shrink_and_grow(resize);
+  }
+  return seconds_since(start) / rounds_of(resize);
+}
+
+void call_for_pages(int file, int mode, uint64_t page_count) {
+  for (uint64_t page = 0; page < page_count; ++page) {
+    check(fallocate64(file, mode, static_cast<off_t>(pages(page)), kPage), "fallocate");
+  }
+}
+
+double time_of_bare_calls(const Resize& resize) {
+  pretend_fallocate(!resize.real_calls);
+  const int file = memfd_create("bare", MFD_CLOEXEC);
+  check(ftruncate(file, static_cast<off_t>(pages(resize.resized_pages))), "a memory file");
+  const auto round = [&] {
+    call_for_pages(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, resize.resized_pages);
+    call_for_pages(file, 0, resize.resized_pages);
+  };
+  round();
+  const auto start = Clock::now();
+  for (int i = 0; i < rounds_of(resize); ++i) {
+    round();
+  }
+  return seconds_since(start) / rounds_of(resize);
+}
+
+// One measurement in each repetition.
+template <typename Work>
+void add_in_child(const std::string& name, benchmark::TimeUnit unit, const Work& work) {
+  add(name,
+      [work](benchmark::State& state) {
+        for ([[maybe_unused]] auto unused : state) {
+          state.SetIterationTime(in_child(work));
+        }
+      })
+      ->Iterations(1)
+      ->UseManualTime()
+      ->Unit(unit);
+}
+
+void add_resize(const std::string& name, const Resize& resize) {
+  const std::string prefix = "resize/" + name + "/" + std::to_string(resize.front_pages) + "/";
+  add_in_child(prefix + "oxpliv", benchmark::kMillisecond, [resize] { return time_of_library(resize); });
+  add_in_child(prefix + "bare calls", benchmark::kMillisecond, [resize] { return time_of_bare_calls(resize); });
+}
+
+// A zone that hands out blocks gives back no page behind one that it has to leave alone, so there nothing lies in front.
+void add_resizes() {
+  constexpr uint64_t kRealPages = 512;
+  const uint64_t page_count = is_quick() ? 1'600 : 10'000;
+  for (const bool blocks : {false, true}) {
+    const std::string zones = blocks ? "zones of blocks, " : "zones of single pages, ";
+    add_resize(zones + "system calls made, pages in front",
+               {.block_zones = blocks, .resized_pages = is_quick() ? 32 : kRealPages, .real_calls = true});
+    add_resize(zones + "system calls do nothing, pages between others",
+               {.block_zones = blocks, .resized_pages = page_count, .layout = Layout::Singles});
+    for (const uint64_t front : {0UL, 100'000UL, 1'000'000UL}) {
+      if (front == 0 || (!blocks && !is_quick())) {
+        add_resize(zones + "system calls do nothing, pages without memory in front",
+                   {.block_zones = blocks, .resized_pages = page_count, .front_pages = front});
+      }
+      if (!blocks && (front == 0 || !is_quick())) {
+        add_resize(zones + "system calls do nothing, busy pages in front",
+                   {.block_zones = blocks, .resized_pages = page_count, .front = Front::Busy, .front_pages = front});
+      }
+    }
+  }
+}
+
+// ---- The only page that has memory
+
+// The last page of a zone is the only one that has memory, and the system has no more: the time of a pair of calls.
+double time_of_only_page(uint64_t zone_pages, bool blocks) {
+  constexpr double kSeconds = 0.02;
+  pretend_fallocate(true);
+  pretend_maps(true);
+  create_zones(1, zone_pages - 1, zone_pages, blocks);
+  fund(1);
+  refuse_commits(true);
+  const Space space = add_space({.pages = zone_pages});
+  char* const first = space.allocate(1, kCachedAccount);
+  const int64_t offset =
+      ox_get_backing_storage_offset_pliv(space.id, static_cast<int64_t>(reinterpret_cast<intptr_t>(first)));
+  if (offset != static_cast<int64_t>(pages(zone_pages - 1))) {
+    fail("taking the page that has memory");
+  }
+  space.release(first, 1, kCachedAccount);
+  uint64_t pairs = 0;
+  const auto start = Clock::now();
+  double elapsed = 0;
+  while (elapsed < kSeconds) {
+    space.release(space.allocate(1, kCachedAccount), 1, kCachedAccount);
+    ++pairs;
+    elapsed = seconds_since(start);
+  }
+  return elapsed / static_cast<double>(pairs);
+}
+
+void add_only_pages() {
+  for (const bool blocks : {false, true}) {
+    for (const uint64_t zone_pages : {1'000UL, 10'000UL, 100'000UL, 1'000'000UL}) {
+      add_in_child("resize/only page with memory in a zone of " + std::string(blocks ? "blocks/" : "single pages/") +
+                       std::to_string(zone_pages) + "/oxpliv",
+                   benchmark::kNanosecond, [zone_pages, blocks] { return time_of_only_page(zone_pages, blocks); });
+    }
+  }
+}
+
+}  // namespace
+
+void register_benchmarks() {
+  add_resizes();
+  add_only_pages();
+}
+
+}  // namespace oxbench
