@@ -16,6 +16,9 @@ namespace oxbench {
 namespace {
 
 struct Tally {
+  explicit Tally(SystemCall counted) : call(counted) {}
+
+  const SystemCall call;
   std::atomic<uint64_t> count{0};
   std::atomic<uint64_t> nanoseconds{0};
 
@@ -23,15 +26,16 @@ struct Tally {
 };
 
 std::atomic<Watch> watched{Watch::Nothing};
+std::atomic<CallObserver> call_observer{nullptr};
 std::atomic<bool> fallocate_pretends{false};
 std::atomic<bool> maps_pretend{false};
 std::atomic<bool> commits_refused{false};
 thread_local std::vector<MapCall>* recorded_maps = nullptr;
 
-Tally mmap_tally;
-Tally munmap_tally;
-Tally madvise_tally;
-Tally fallocate_tally;
+Tally mmap_tally(SystemCall::Mmap);
+Tally munmap_tally(SystemCall::Munmap);
+Tally madvise_tally(SystemCall::Madvise);
+Tally fallocate_tally(SystemCall::Fallocate);
 
 // Makes the call, and tallies it if that is asked for.
 template <typename Call>
@@ -47,7 +51,14 @@ long watch_call(Tally& tally, const Call& call) {
   const auto start = std::chrono::steady_clock::now();
   const long result = call();
   const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - start;
-  tally.nanoseconds.fetch_add(static_cast<uint64_t>(elapsed.count()), std::memory_order_relaxed);
+  const auto nanoseconds = static_cast<uint64_t>(elapsed.count());
+  tally.nanoseconds.fetch_add(nanoseconds, std::memory_order_relaxed);
+  const CallObserver observer = call_observer.load(std::memory_order_relaxed);
+  if (observer != nullptr) {
+    const int error = errno;
+    observer(tally.call, nanoseconds);
+    errno = error;
+  }
   return result;
 }
 
@@ -55,6 +66,10 @@ long watch_call(Tally& tally, const Call& call) {
 
 void watch_system_calls(Watch watch) {
   watched.store(watch, std::memory_order_relaxed);
+}
+
+void observe_system_calls(CallObserver observer) {
+  call_observer.store(observer, std::memory_order_relaxed);
 }
 
 SystemCalls take_system_calls() {

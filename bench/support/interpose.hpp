@@ -33,6 +33,12 @@ struct SystemCalls {
 // Changed while no other thread makes calls.
 void watch_system_calls(Watch watch);
 
+enum class SystemCall { Mmap, Munmap, Madvise, Fallocate };
+
+// Told of every call that is timed, on the thread that made it.
+using CallObserver = void (*)(SystemCall call, uint64_t nanoseconds);
+void observe_system_calls(CallObserver observer);
+
 // What was watched since the last call of this, over all threads.
 SystemCalls take_system_calls();
 
