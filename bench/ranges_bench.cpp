@@ -225,7 +225,7 @@ void add_case(const std::string& name) {
     const std::string prefix = "ranges/" + name + "/" + std::to_string(holes) + "/";
     add_measurement(prefix + "oxpliv",
                     [holes](benchmark::State& state) { measure<AOFirstFitAllocator, Work, Order>(state, holes); });
-    add_measurement(prefix + "sorted list",
+    add_measurement(prefix + "list",
                     [holes](benchmark::State& state) { measure<SortedListRanges, Work, Order>(state, holes); });
   }
 }
@@ -311,7 +311,7 @@ void add_exported_case(const std::string& name, uint64_t first_page, uint64_t ho
     }
     measure_exported(state, found->second);
   });
-  add_measurement(prefix + "sorted list alone",
+  add_measurement(prefix + "list",
                   [holes, block_zone](benchmark::State& state) { measure_lists(state, holes, block_zone ? 2 : 1); });
 }
 

@@ -186,7 +186,7 @@ void add_resize(const std::string& name, const Resize& resize) {
   const std::string prefix = "resize/" + name + "/" + std::to_string(resize.front_pages) + "/";
   add_in_child(prefix + "oxpliv", benchmark::kMillisecond, [resize] { return time_of_library(resize); });
   if (resize.real_calls) {
-    add_in_child(prefix + "bare calls", benchmark::kMillisecond, [resize] { return time_of_bare_calls(resize); });
+    add_in_child(prefix + "fallocate", benchmark::kMillisecond, [resize] { return time_of_bare_calls(resize); });
   }
 }
 

@@ -25,29 +25,35 @@ constexpr int kChildren = 5;  // a repetition
 struct Cost {
   double seconds;
   double resident_bytes;
+  double anonymous_bytes;  // of these, what belongs to no file, such as the pages of programs
 };
 
 // From the page tables: the counters in /proc/self/statm lag behind.
-double resident_bytes() {
+Cost memory_so_far() {
   static char text[4096];
   const int file = open("/proc/self/smaps_rollup", O_RDONLY);
   const ssize_t length = read(file, text, sizeof text - 1);
   close(file);
   text[length > 0 ? length : 0] = 0;
-  const char* const line = std::strstr(text, "\nRss:");
-  if (line == nullptr) {
-    fail("reading the resident memory");
-  }
-  return 1024.0 * std::strtod(line + 5, nullptr);
+  const auto bytes_of = [](const char* key) {
+    const char* const line = std::strstr(text, key);
+    if (line == nullptr) {
+      fail("reading the resident memory");
+    }
+    return 1024.0 * std::strtod(line + std::strlen(key), nullptr);
+  };
+  return {0, bytes_of("\nRss:"), bytes_of("\nAnonymous:")};
 }
 
 template <typename Step>
 Cost cost_of(const Step& step) {
-  const double resident_before = resident_bytes();
+  const Cost before = memory_so_far();
   const auto start = std::chrono::steady_clock::now();
   step();
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  return {elapsed.count(), resident_bytes() - resident_before};
+  const Cost after = memory_so_far();
+  return {elapsed.count(), after.resident_bytes - before.resident_bytes,
+          after.anonymous_bytes - before.anonymous_bytes};
 }
 
 void initialize(uint64_t maximum_pages) {
@@ -98,12 +104,15 @@ using Step = Cost (*)(uint64_t maximum_pages);
 
 void measure(benchmark::State& state, Step step, uint64_t maximum_gib) {
   double resident = 0;
+  double anonymous = 0;
   for ([[maybe_unused]] auto unused : state) {
     const Cost cost = in_child([=] { return step(maximum_gib * kPagesOfGiB); });
     state.SetIterationTime(cost.seconds);
     resident += cost.resident_bytes;
+    anonymous += cost.anonymous_bytes;
   }
   state.counters["resident_bytes"] = benchmark::Counter(resident, benchmark::Counter::kAvgIterations);
+  state.counters["anonymous_bytes"] = benchmark::Counter(anonymous, benchmark::Counter::kAvgIterations);
 }
 
 void add_step(const std::string& name, Step step) {

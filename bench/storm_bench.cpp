@@ -309,10 +309,10 @@ void add_storms(const std::string& name, bool real_time, Storms& storms) {
       });
     };
     add_distribution("oxpliv", &StormResult::pairs);
-    add_distribution("bare mmap", &StormResult::mmaps);
-    add_distribution("bare fallocate", &StormResult::fallocates);
+    add_distribution("mmap", &StormResult::mmaps);
+    add_distribution("fallocate", &StormResult::fallocates);
     if (std::string(kQuantiles[i].name) == "p99.9") {
-      add_subject(prefix + "10 us", real_time, storms, [](const StormResult&) { return kBoundSeconds; });
+      add_subject(prefix + "10us", real_time, storms, [](const StormResult&) { return kBoundSeconds; });
     }
   }
 }
