@@ -1,8 +1,10 @@
-// Threads with cached pairs, each on a space of its own, while another thread calls every statistics call without a
-// pause. On a machine with few processors that thread takes time from the others by itself; so does the one of the
+// Threads with cached pairs, each on a space of its own, while another thread calls every statistics call: without a
+// pause, or each millisecond. On a machine with few processors that thread takes time from the others by itself; so does the one of the
 // baseline, which makes no calls: it counts in data of its own. `undisturbed` is without any such thread.
 
 #include <atomic>
+#include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -46,28 +48,59 @@ void count() {
   }
 }
 
-// Pairs of this thread, while the first of the benchmark's threads keeps another one busy with `work`.
-template <typename Work>
-void run_disturbed(benchmark::State& state, const std::vector<Space>& spaces, const Work& work) {
-  std::jthread disturber;
-  std::atomic<uint64_t> rounds{0};
-  if (state.thread_index() == 0) {
-    disturber = std::jthread([&](const std::stop_token& stop) {
-      while (!stop.stop_requested()) {
-        work();
-        rounds.fetch_add(1, std::memory_order_relaxed);
-      }
-    });
-    while (rounds.load(std::memory_order_relaxed) == 0) {
+// Another thread, which does `work` again and again from the construction to the destruction.
+class Disturber {
+ public:
+  template <typename Work>
+  Disturber(const Work& work, std::chrono::microseconds pause)
+      : _thread([this, work, pause](const std::stop_token& stop) {
+          while (!stop.stop_requested()) {
+            work();
+            _rounds.fetch_add(1, std::memory_order_relaxed);
+            if (pause.count() > 0) {
+              std::this_thread::sleep_for(pause);
+            }
+          }
+        }) {
+    while (rounds() == 0) {
       std::this_thread::yield();
     }
   }
-  run_cached_pairs(state, spaces[static_cast<size_t>(state.thread_index())]);
+
+  uint64_t rounds() const { return _rounds.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<uint64_t> _rounds{0};
+  std::jthread _thread;
+};
+
+// Pairs of this thread, while the first of the benchmark's threads keeps another one busy with `work`.
+template <typename Work>
+void run_disturbed(benchmark::State& state, const Space& space, const Work& work, std::chrono::microseconds pause) {
+  std::optional<Disturber> disturber;
   if (state.thread_index() == 0) {
-    disturber.request_stop();
-    disturber.join();
-    state.counters["rounds"] = static_cast<double>(rounds.load());
+    disturber.emplace(work, pause);
   }
+  run_cached_pairs(state, space);
+  if (disturber.has_value()) {
+    state.counters["rounds"] = static_cast<double>(disturber->rounds());
+  }
+}
+
+void add_case(const std::string& how, std::chrono::microseconds pause, const std::vector<Space>& spaces, int threads) {
+  const std::string name = "statistics/" + how + "/" + std::to_string(threads) + "/";
+  const auto add_subject = [&](const std::string& subject, const auto& run) {
+    add(name + subject, [=](benchmark::State& state) { run(state, spaces[static_cast<size_t>(state.thread_index())]); })
+        ->Threads(threads)
+        ->UseRealTime();
+  };
+  add_subject("oxpliv", [=](benchmark::State& state, const Space& space) {
+    run_disturbed(
+        state, space, [spaces] { ask_all(spaces); }, pause);
+  });
+  add_subject("counting",
+              [=](benchmark::State& state, const Space& space) { run_disturbed(state, space, count, pause); });
+  add_subject("undisturbed", run_cached_pairs);
 }
 
 }  // namespace
@@ -81,19 +114,8 @@ void register_benchmarks() {
     check_cached(spaces.back());
   }
   for (const int threads : {1, kMostThreads}) {
-    const std::string name = "statistics/threads/" + std::to_string(threads) + "/";
-    add(name + "oxpliv", [spaces](benchmark::State& state) { run_disturbed(state, spaces, [&] { ask_all(spaces); }); })
-        ->Threads(threads)
-        ->UseRealTime();
-    add(name + "counting", [spaces](benchmark::State& state) { run_disturbed(state, spaces, count); })
-        ->Threads(threads)
-        ->UseRealTime();
-    add(name + "undisturbed",
-        [spaces](benchmark::State& state) {
-          run_cached_pairs(state, spaces[static_cast<size_t>(state.thread_index())]);
-        })
-        ->Threads(threads)
-        ->UseRealTime();
+    add_case("without a pause", std::chrono::microseconds(0), spaces, threads);
+    add_case("each millisecond", std::chrono::microseconds(1000), spaces, threads);
   }
 }
 

@@ -27,12 +27,15 @@ void add_threads(const std::string& name, int threads, const Function& function)
 }
 
 // The case with so many threads, thread i on spaces[i], or on the only one.
-void add_case(const std::string& how, int threads, const std::vector<Space>& spaces) {
+void add_case(const std::string& how, int threads, const std::vector<Space>& spaces, bool with_allocators) {
   const std::string name = "threads/" + how + "/" + std::to_string(threads) + "/";
   add_threads(name + "oxpliv", threads, [spaces](benchmark::State& state) {
     run_cached_pairs(state, spaces[static_cast<size_t>(state.thread_index()) % spaces.size()]);
   });
   add_threads(name + "control", threads, run_floor_pairs);
+  if (!with_allocators) {
+    return;
+  }
   for (const Allocator& allocator : allocators()) {
     add_threads(name + allocator.name, threads,
                 [allocator](benchmark::State& state) { run_allocator_pairs(state, allocator); });
@@ -52,9 +55,9 @@ void register_benchmarks() {
   }
   const std::vector<Space> shared{cached_space(0)};
   for (const int threads : {1, 2, kMostThreads}) {
-    add_case("own space and zone", threads, with_zone);
-    add_case("own space, one zone", threads, without_zone);
-    add_case("one space", threads, shared);
+    add_case("own space and zone", threads, with_zone, false);
+    add_case("own space, one zone", threads, without_zone, false);
+    add_case("one space", threads, shared, true);
   }
 }
 

@@ -1,5 +1,6 @@
-// The main function of each benchmark. All cases of an executable are repeated, and the repetitions shuffled, so that a
-// figure and its baselines see the same weather of the machine.
+// The main function of each benchmark. The cases of an executable run in random order, and within a case the library and
+// its baselines, one right after the other, so that they see the same weather of the machine. Repetitions are runs of
+// the executable: the layout of memory is another one each time.
 //   NAME_bench [--quick] [--benchmark_...]
 
 #include <unistd.h>
@@ -8,6 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +23,40 @@ namespace oxbench {
 namespace {
 
 bool quick = false;
+
+class Registered : public benchmark::internal::Benchmark {
+ public:
+  Registered(const std::string& name, std::function<void(benchmark::State&)> function)
+      : Benchmark(name.c_str()), _function(std::move(function)) {}
+
+  void Run(benchmark::State& state) override { _function(state); }
+
+ private:
+  std::function<void(benchmark::State&)> _function;
+};
+
+std::map<std::string, std::vector<Registered*>> cases;  // by the name without the subject
+
+template <typename Container>
+void shuffle(Container& container) {
+  static std::mt19937 random(std::random_device{}());
+  std::shuffle(container.begin(), container.end(), random);
+}
+
+// Google Benchmark runs, and owns, what it is given in the order in which it is given it.
+void hand_over_benchmarks() {
+  std::vector<std::vector<Registered*>> order;
+  for (auto& [name, subjects] : cases) {
+    shuffle(subjects);
+    order.push_back(subjects);
+  }
+  shuffle(order);
+  for (const auto& subjects : order) {
+    for (Registered* const subject : subjects) {
+      benchmark::internal::RegisterBenchmarkInternal(subject);
+    }
+  }
+}
 
 // Shows the run as usual, and remembers whether anything failed.
 class Reporter : public benchmark::ConsoleReporter {
@@ -57,10 +95,7 @@ void restart_with_static_tls(char** arguments) {
 std::vector<std::string> options_of(int count, char** arguments) {
   std::vector<std::string> given(arguments, arguments + count);
   quick = std::erase(given, "--quick") > 0;
-  std::vector<std::string> options{given[0], "--benchmark_enable_random_interleaving=true",
-                                   "--benchmark_display_aggregates_only=true"};
-  options.push_back(quick ? "--benchmark_repetitions=1" : "--benchmark_repetitions=15");
-  options.push_back(quick ? "--benchmark_min_time=0.001" : "--benchmark_min_time=0.2");
+  std::vector<std::string> options{given[0], quick ? "--benchmark_min_time=0.001" : "--benchmark_min_time=0.1"};
   options.insert(options.end(), given.begin() + 1, given.end());
   return options;
 }
@@ -78,6 +113,7 @@ int run(int count, char** arguments) {
   }
   std::thread([] {}).join();  // C and C++ libraries are faster before the first thread; a runtime always has threads
   register_benchmarks();
+  hand_over_benchmarks();
   Reporter reporter;
   const bool any = benchmark::RunSpecifiedBenchmarks(&reporter) > 0;
   return any && !reporter.failed() ? 0 : 1;
@@ -87,6 +123,12 @@ int run(int count, char** arguments) {
 
 bool is_quick() {
   return quick;
+}
+
+benchmark::internal::Benchmark* add(const std::string& name, std::function<void(benchmark::State&)> function) {
+  auto* const added = new Registered(name, std::move(function));
+  cases[name.substr(0, name.rfind('/'))].push_back(added);
+  return added;
 }
 
 }  // namespace oxbench

@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <string>
 
 namespace oxbench {
@@ -19,10 +20,8 @@ inline void skip(benchmark::State& state, const std::string& reason) {
 }
 
 // Names are "<figure>/<case>/<subject>", where the subject "oxpliv" is this library and the others are its baselines.
-template <typename Function>
-benchmark::internal::Benchmark* add(const std::string& name, const Function& function) {
-  return benchmark::RegisterBenchmark(name.c_str(), function);
-}
+// The result can be given further options, such as the number of threads.
+benchmark::internal::Benchmark* add(const std::string& name, std::function<void(benchmark::State&)> function);
 
 // What the executable registers, and sets up for it: called once, by the main function.
 void register_benchmarks();
