@@ -17,6 +17,7 @@
 #include "support/heap.hpp"
 #include "support/interpose.hpp"
 #include "support/run.hpp"
+#include "support/shared_result.hpp"
 
 namespace oxbench {
 
@@ -114,10 +115,6 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-int rounds_of(const Resize& resize) {
-  return resize.real_calls || is_quick() ? 1 : 5;
-}
-
 void shrink_and_grow(const Resize& resize) {
   fund(-static_cast<int64_t>(resize.resized_pages));
   fund(static_cast<int64_t>(resize.resized_pages));
@@ -134,59 +131,53 @@ void check_calls(const Resize& resize) {
   }
 }
 
-double time_of_library(const Resize& resize) {
-  pretend_fallocate(!resize.real_calls);
-  pretend_maps(true);
-  set_up(resize);
-  check_calls(resize);
-  const auto start = Clock::now();
-  for (int round = 0; round < rounds_of(resize); ++round) {
-    shrink_and_grow(resize);
-  }
-  return seconds_since(start) / rounds_of(resize);
-}
-
 void call_for_pages(int file, int mode, uint64_t page_count) {
   for (uint64_t page = 0; page < page_count; ++page) {
     check(fallocate64(file, mode, static_cast<off_t>(pages(page)), kPage), "fallocate");
   }
 }
 
-double time_of_bare_calls(const Resize& resize) {
-  pretend_fallocate(!resize.real_calls);
-  const int file = memfd_create("bare", MFD_CLOEXEC);
-  check(ftruncate(file, static_cast<off_t>(pages(resize.resized_pages))), "a memory file");
-  const auto round = [&] {
-    call_for_pages(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, resize.resized_pages);
-    call_for_pages(file, 0, resize.resized_pages);
-  };
-  round();
-  const auto start = Clock::now();
-  for (int i = 0; i < rounds_of(resize); ++i) {
-    round();
-  }
-  return seconds_since(start) / rounds_of(resize);
+// The same calls on a file of its own.
+void punch_and_commit(int file, const Resize& resize) {
+  call_for_pages(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, resize.resized_pages);
+  call_for_pages(file, 0, resize.resized_pages);
 }
 
-// One measurement in each repetition.
-template <typename Work>
-void add_in_child(const std::string& name, benchmark::TimeUnit unit, const Work& work) {
-  add(name,
-      [work](benchmark::State& state) {
-        for ([[maybe_unused]] auto unused : state) {
-          state.SetIterationTime(in_child(work));
-        }
-      })
-      ->Iterations(1)
-      ->UseManualTime()
-      ->Unit(unit);
+struct Times {
+  double library = 0;
+  double bare_calls = 0;
+};
+
+// Of one round on average; library and bare calls take turns.
+Times measure_rounds(const Resize& resize) {
+  const int rounds = is_quick() ? 1 : 8;
+  pretend_fallocate(!resize.real_calls);
+  pretend_maps(true);
+  set_up(resize);
+  check_calls(resize);
+  const int file = memfd_create("bare", MFD_CLOEXEC);
+  check(ftruncate(file, static_cast<off_t>(pages(resize.resized_pages))), "a memory file");
+  punch_and_commit(file, resize);
+  Times times;
+  for (int round = 0; round < rounds; ++round) {
+    const auto start = Clock::now();
+    shrink_and_grow(resize);
+    times.library += seconds_since(start) / rounds;
+    const auto bare_start = Clock::now();
+    punch_and_commit(file, resize);
+    times.bare_calls += seconds_since(bare_start) / rounds;
+  }
+  return times;
 }
 
 void add_resize(const std::string& name, const Resize& resize) {
   const std::string prefix = "resize/" + name + "/" + std::to_string(resize.front_pages) + "/";
-  add_in_child(prefix + "oxpliv", benchmark::kMillisecond, [resize] { return time_of_library(resize); });
+  const SharedResult<Times> shared([resize] { return in_child([resize] { return measure_rounds(resize); }); });
+  shared.add_subject(prefix + "oxpliv",
+                     [](benchmark::State& state, const Times& times) { state.SetIterationTime(times.library); });
   if (resize.real_calls) {
-    add_in_child(prefix + "fallocate", benchmark::kMillisecond, [resize] { return time_of_bare_calls(resize); });
+    shared.add_subject(prefix + "fallocate",
+                       [](benchmark::State& state, const Times& times) { state.SetIterationTime(times.bare_calls); });
   }
 }
 
@@ -208,7 +199,7 @@ void add_resizes_of_single_pages(uint64_t page_count, uint64_t real_page_count) 
 
 void add_resizes() {
   const uint64_t page_count = is_quick() ? 1'600 : 10'000;
-  const uint64_t real_page_count = is_quick() ? 32 : 512;
+  const uint64_t real_page_count = is_quick() ? 32 : 128;
   add_resizes_of_single_pages(page_count, real_page_count);
   // A zone of blocks gives back no page behind one that it has to leave alone, so nothing lies in front there.
   add_resize("blocks, calls made", {.block_zones = true, .resized_pages = real_page_count, .real_calls = true});
@@ -251,9 +242,15 @@ double time_of_only_page(uint64_t zone_pages, bool blocks) {
 void add_only_pages() {
   for (const bool blocks : {false, true}) {
     for (const uint64_t zone_pages : {1'000UL, 10'000UL, 100'000UL, 1'000'000UL}) {
-      add_in_child("resize/" + std::string(blocks ? "blocks" : "single pages") + ", only page with memory, zone of/" +
-                       std::to_string(zone_pages) + "/oxpliv",
-                   benchmark::kNanosecond, [zone_pages, blocks] { return time_of_only_page(zone_pages, blocks); });
+      add("resize/" + std::string(blocks ? "blocks" : "single pages") + ", only page with memory, zone of/" +
+              std::to_string(zone_pages) + "/oxpliv",
+          [=](benchmark::State& state) {
+            for ([[maybe_unused]] auto unused : state) {
+              state.SetIterationTime(in_child([=] { return time_of_only_page(zone_pages, blocks); }));
+            }
+          })
+          ->Iterations(1)
+          ->UseManualTime();
     }
   }
 }

@@ -23,6 +23,7 @@
 #include "support/histogram.hpp"
 #include "support/interpose.hpp"
 #include "support/run.hpp"
+#include "support/shared_result.hpp"
 
 namespace oxbench {
 
@@ -211,9 +212,9 @@ Heap start_shared_heap() {
   Heap heap{.cached = add_space({.pages = kMaximumPages, .cache_pages = kLargestBlock}),
             .uncached = add_space({.pages = kMaximumPages}),
             .shared = add_space({.pages = kMaximumPages})};
-  std::vector<char*> blocks;
-  for (int i = 0; i < kPairsAtOnce; ++i) {
-    blocks.push_back(heap.cached.allocate(1, kCachedAccount));
+  std::array<char*, kPairsAtOnce> blocks;
+  for (char*& block : blocks) {
+    block = heap.cached.allocate(1, kCachedAccount);
   }
   for (char* const block : blocks) {
     heap.cached.release(block, 1, kCachedAccount);
@@ -260,18 +261,9 @@ StormResult storm(bool real_time) {
   return result;
 }
 
-// ---- Reports: each repetition of any of them is a look at the storm of that repetition
+// ---- Reports
 
 constexpr double kBoundSeconds = 1e-5;
-
-using Storms = std::vector<StormResult>;
-
-const StormResult& storm_of_repetition(Storms& storms, bool real_time, size_t repetition) {
-  while (storms.size() <= repetition) {
-    storms.push_back(in_child([real_time] { return storm(real_time); }));
-  }
-  return storms[repetition];
-}
 
 void add_counters(benchmark::State& state, const StormResult& result) {
   constexpr std::array<const char*, 7> kNames{"cached_pairs", "uncached_1", "uncached_2", "shared",
@@ -281,38 +273,31 @@ void add_counters(benchmark::State& state, const StormResult& result) {
   }
 }
 
-// A subject of a case: what it shows of a storm.
-template <typename Seconds>
-void add_subject(const std::string& name, bool real_time, Storms& storms, const Seconds& seconds) {
-  add(name,
-      [=, &storms, repetition = size_t{0}](benchmark::State& state) mutable {
-        for ([[maybe_unused]] auto unused : state) {
-          const StormResult& result = storm_of_repetition(storms, real_time, repetition++);
-          if (result.refused) {
-            skip(state, "the system refuses real-time priority");
-            break;
-          }
-          state.SetIterationTime(seconds(result));
-          add_counters(state, result);
-        }
-      })
-      ->Iterations(1)
-      ->UseManualTime();
+void show(benchmark::State& state, const StormResult& result, double seconds) {
+  if (result.refused) {
+    skip(state, "the system refuses real-time priority");
+    return;
+  }
+  state.SetIterationTime(seconds);
+  add_counters(state, result);
 }
 
-void add_storms(const std::string& name, bool real_time, Storms& storms) {
+void add_storm(const std::string& name, bool real_time) {
+  const SharedResult<StormResult> shared([real_time] { return in_child([real_time] { return storm(real_time); }); });
   for (size_t i = 0; i < kQuantiles.size(); ++i) {
     const std::string prefix = "storm/" + name + ", " + kQuantiles[i].name + "/";
     const auto add_distribution = [&](const char* subject, Distribution StormResult::*distribution) {
-      add_subject(prefix + subject, real_time, storms, [=](const StormResult& result) {
-        return 1e-9 * static_cast<double>((result.*distribution).nanoseconds[i]);
+      shared.add_subject(prefix + subject, [=](benchmark::State& state, const StormResult& result) {
+        show(state, result, 1e-9 * static_cast<double>((result.*distribution).nanoseconds[i]));
       });
     };
     add_distribution("oxpliv", &StormResult::pairs);
     add_distribution("mmap", &StormResult::mmaps);
     add_distribution("fallocate", &StormResult::fallocates);
     if (std::string(kQuantiles[i].name) == "p99.9") {
-      add_subject(prefix + "10us", real_time, storms, [](const StormResult&) { return kBoundSeconds; });
+      shared.add_subject(prefix + "10us", [](benchmark::State& state, const StormResult& result) {
+        show(state, result, kBoundSeconds);
+      });
     }
   }
 }
@@ -320,10 +305,8 @@ void add_storms(const std::string& name, bool real_time, Storms& storms) {
 }  // namespace
 
 void register_benchmarks() {
-  static Storms equal_storms;
-  static Storms real_time_storms;
-  add_storms("equal threads", false, equal_storms);
-  add_storms("real-time thread", true, real_time_storms);
+  add_storm("equal threads", false);
+  add_storm("real-time thread", true);
 }
 
 }  // namespace oxbench
