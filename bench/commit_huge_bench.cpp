@@ -14,17 +14,21 @@ namespace {
 constexpr const char* kPoolFile = "/proc/sys/vm/nr_hugepages";
 constexpr long kPoolPages = static_cast<long>(kCommitPages) + 8;
 
-long pool_before = -1;
+std::string pool_before;
 
-long pool_size() {
-  long pages_in_pool = -1;
-  std::ifstream(kPoolFile) >> pages_in_pool;
-  return pages_in_pool;
+std::string pool_size() {
+  std::string size;
+  std::ifstream(kPoolFile) >> size;
+  return size;
 }
 
-bool set_pool_size(long count) {
-  std::ofstream(kPoolFile) << count << std::flush;
-  return pool_size() >= count;
+// Fit for a signal handler.
+void set_pool_size(const std::string& size) {
+  const int file = open(kPoolFile, O_WRONLY | O_CLOEXEC);
+  if (file != -1) {
+    [[maybe_unused]] const ssize_t written = write(file, size.data(), size.size());
+    close(file);
+  }
 }
 
 void restore_pool() {
@@ -39,14 +43,16 @@ void restore_pool_and_end(int signal) {
 
 bool have_pool() {
   pool_before = pool_size();
-  if (pool_before < 0) {
+  if (pool_before.empty()) {
     return false;
   }
   std::atexit(restore_pool);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGABRT, SIGSEGV, SIGBUS}) {
     std::signal(signal, restore_pool_and_end);
   }
-  return set_pool_size(pool_before + kPoolPages);
+  const std::string wanted = std::to_string(std::stol(pool_before) + kPoolPages);
+  set_pool_size(wanted);
+  return pool_size() == wanted;
 }
 
 }  // namespace

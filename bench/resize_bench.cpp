@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
@@ -22,8 +21,6 @@
 namespace oxbench {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr unsigned kUnused = 0;
 constexpr uint64_t kZones = 16;
@@ -111,10 +108,6 @@ void set_up(const Resize& resize) {
 
 // ---- Measurements of resizing
 
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 void shrink_and_grow(const Resize& resize) {
   fund(-static_cast<int64_t>(resize.resized_pages));
   fund(static_cast<int64_t>(resize.resized_pages));
@@ -160,12 +153,12 @@ Times measure_rounds(const Resize& resize) {
   punch_and_commit(file, resize);
   Times times;
   for (int round = 0; round < rounds; ++round) {
-    const auto start = Clock::now();
+    const double start = processor_seconds();
     shrink_and_grow(resize);
-    times.library += seconds_since(start) / rounds;
-    const auto bare_start = Clock::now();
+    const double middle = processor_seconds();
     punch_and_commit(file, resize);
-    times.bare_calls += seconds_since(bare_start) / rounds;
+    times.library += (middle - start) / rounds;
+    times.bare_calls += (processor_seconds() - middle) / rounds;
   }
   return times;
 }
@@ -228,15 +221,16 @@ double time_of_only_page(uint64_t zone_pages, bool blocks) {
     fail("taking the page that has memory");
   }
   space.release(first, 1, kCachedAccount);
-  uint64_t pairs = 0;
-  const auto start = Clock::now();
-  double elapsed = 0;
-  while (elapsed < kSeconds) {
-    space.release(space.allocate(1, kCachedAccount), 1, kCachedAccount);
-    ++pairs;
-    elapsed = seconds_since(start);
+  for (uint64_t pairs = 1;; pairs *= 2) {
+    const double start = processor_seconds();
+    for (uint64_t pair = 0; pair < pairs; ++pair) {
+      space.release(space.allocate(1, kCachedAccount), 1, kCachedAccount);
+    }
+    const double elapsed = processor_seconds() - start;
+    if (elapsed >= kSeconds) {
+      return elapsed / static_cast<double>(pairs);
+    }
   }
-  return elapsed / static_cast<double>(pairs);
 }
 
 void add_only_pages() {

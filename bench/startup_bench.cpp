@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -48,12 +47,11 @@ Cost memory_so_far() {
 template <typename Step>
 Cost cost_of(const Step& step) {
   const Cost before = memory_so_far();
-  const auto start = std::chrono::steady_clock::now();
+  const double start = processor_seconds();
   step();
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  const double elapsed = processor_seconds() - start;
   const Cost after = memory_so_far();
-  return {elapsed.count(), after.resident_bytes - before.resident_bytes,
-          after.anonymous_bytes - before.anonymous_bytes};
+  return {elapsed, after.resident_bytes - before.resident_bytes, after.anonymous_bytes - before.anonymous_bytes};
 }
 
 void initialize(uint64_t maximum_pages) {

@@ -16,7 +16,7 @@ constexpr int kMostThreads = 4;
 constexpr uint64_t kZonePages = 16;
 
 Space cached_space(long zone) {
-  const Space space = add_space({.pages = 64, .cache_pages = 8, .zone = zone});
+  Space space = add_space({.pages = 64, .cache_pages = 8, .zone = zone});
   check_cached(space, kMostThreads);
   return space;
 }

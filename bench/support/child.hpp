@@ -6,11 +6,19 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 #include <type_traits>
 
 #include "support/heap.hpp"
 
 namespace oxbench {
+
+// What the processors have spent on this process so far, which other programs disturb little.
+inline double processor_seconds() {
+  timespec spent{};
+  check(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spent), "reading the processor's time");
+  return static_cast<double>(spent.tv_sec) + 1e-9 * static_cast<double>(spent.tv_nsec);
+}
 
 // The result of `work`, done by a child process. To be called while there is one thread.
 template <typename Work>
