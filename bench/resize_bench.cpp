@@ -233,18 +233,22 @@ double time_of_only_page(uint64_t zone_pages, bool blocks) {
   }
 }
 
+void add_only_page(bool blocks, uint64_t zone_pages) {
+  add("resize/" + std::string(blocks ? "blocks" : "single pages") + ", only page with memory, zone of/" +
+          std::to_string(zone_pages) + "/oxpliv",
+      [=](benchmark::State& state) {
+        for ([[maybe_unused]] auto unused : state) {
+          state.SetIterationTime(in_child([=] { return time_of_only_page(zone_pages, blocks); }));
+        }
+      })
+      ->Iterations(1)
+      ->UseManualTime();
+}
+
 void add_only_pages() {
   for (const bool blocks : {false, true}) {
     for (const uint64_t zone_pages : {1'000UL, 10'000UL, 100'000UL, 1'000'000UL}) {
-      add("resize/" + std::string(blocks ? "blocks" : "single pages") + ", only page with memory, zone of/" +
-              std::to_string(zone_pages) + "/oxpliv",
-          [=](benchmark::State& state) {
-            for ([[maybe_unused]] auto unused : state) {
-              state.SetIterationTime(in_child([=] { return time_of_only_page(zone_pages, blocks); }));
-            }
-          })
-          ->Iterations(1)
-          ->UseManualTime();
+      add_only_page(blocks, zone_pages);
     }
   }
 }
