@@ -3,10 +3,12 @@
 
 #include "support/interpose.hpp"
 
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 
 namespace oxbench {
@@ -14,6 +16,9 @@ namespace oxbench {
 namespace {
 
 struct Tally {
+  explicit Tally(SystemCall counted) : call(counted) {}
+
+  const SystemCall call;
   std::atomic<uint64_t> count{0};
   std::atomic<uint64_t> nanoseconds{0};
 
@@ -21,13 +26,16 @@ struct Tally {
 };
 
 std::atomic<Watch> watched{Watch::Nothing};
+std::atomic<CallObserver> call_observer{nullptr};
 std::atomic<bool> fallocate_pretends{false};
+std::atomic<bool> maps_pretend{false};
+std::atomic<bool> commits_refused{false};
 thread_local std::vector<MapCall>* recorded_maps = nullptr;
 
-Tally mmap_tally;
-Tally munmap_tally;
-Tally madvise_tally;
-Tally fallocate_tally;
+Tally mmap_tally(SystemCall::Mmap);
+Tally munmap_tally(SystemCall::Munmap);
+Tally madvise_tally(SystemCall::Madvise);
+Tally fallocate_tally(SystemCall::Fallocate);
 
 // Makes the call, and tallies it if that is asked for.
 template <typename Call>
@@ -43,7 +51,14 @@ long watch_call(Tally& tally, const Call& call) {
   const auto start = std::chrono::steady_clock::now();
   const long result = call();
   const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - start;
-  tally.nanoseconds.fetch_add(static_cast<uint64_t>(elapsed.count()), std::memory_order_relaxed);
+  const auto nanoseconds = static_cast<uint64_t>(elapsed.count());
+  tally.nanoseconds.fetch_add(nanoseconds, std::memory_order_relaxed);
+  const CallObserver observer = call_observer.load(std::memory_order_relaxed);
+  if (observer != nullptr) {
+    const int error = errno;
+    observer(tally.call, nanoseconds);
+    errno = error;
+  }
   return result;
 }
 
@@ -53,12 +68,24 @@ void watch_system_calls(Watch watch) {
   watched.store(watch, std::memory_order_relaxed);
 }
 
+void observe_system_calls(CallObserver observer) {
+  call_observer.store(observer, std::memory_order_relaxed);
+}
+
 SystemCalls take_system_calls() {
   return {mmap_tally.take(), munmap_tally.take(), madvise_tally.take(), fallocate_tally.take()};
 }
 
 void pretend_fallocate(bool pretend) {
   fallocate_pretends.store(pretend, std::memory_order_relaxed);
+}
+
+void pretend_maps(bool pretend) {
+  maps_pretend.store(pretend, std::memory_order_relaxed);
+}
+
+void refuse_commits(bool refuse) {
+  commits_refused.store(refuse, std::memory_order_relaxed);
 }
 
 void begin_recording_maps() {
@@ -82,8 +109,12 @@ void* mmap64(void* address, size_t length, int protection, int flags, int descri
   if (oxbench::recorded_maps != nullptr) [[unlikely]] {
     oxbench::recorded_maps->push_back({address, length, protection, flags, descriptor, offset});
   }
-  return reinterpret_cast<void*>(oxbench::watch_call(
-      oxbench::mmap_tally, [=] { return syscall(SYS_mmap, address, length, protection, flags, descriptor, offset); }));
+  return reinterpret_cast<void*>(oxbench::watch_call(oxbench::mmap_tally, [=]() -> long {
+    if ((flags & MAP_FIXED) != 0 && oxbench::maps_pretend.load(std::memory_order_relaxed)) {
+      return reinterpret_cast<long>(address);
+    }
+    return syscall(SYS_mmap, address, length, protection, flags, descriptor, offset);
+  }));
 }
 
 int munmap(void* address, size_t length) noexcept {
@@ -98,6 +129,10 @@ int madvise(void* address, size_t length, int advice) noexcept {
 
 int fallocate64(int descriptor, int mode, off_t offset, off_t length) {
   return static_cast<int>(oxbench::watch_call(oxbench::fallocate_tally, [=]() -> long {
+    if (mode == 0 && oxbench::commits_refused.load(std::memory_order_relaxed)) {
+      errno = ENOSPC;
+      return -1;
+    }
     if (oxbench::fallocate_pretends.load(std::memory_order_relaxed)) {
       return 0;
     }

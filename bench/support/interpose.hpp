@@ -33,11 +33,23 @@ struct SystemCalls {
 // Changed while no other thread makes calls.
 void watch_system_calls(Watch watch);
 
+enum class SystemCall { Mmap, Munmap, Madvise, Fallocate };
+
+// Told of every call that is timed, on the thread that made it.
+using CallObserver = void (*)(SystemCall call, uint64_t nanoseconds);
+void observe_system_calls(CallObserver observer);
+
 // What was watched since the last call of this, over all threads.
 SystemCalls take_system_calls();
 
 // fallocate64 succeeds and does nothing, so that what the library itself does can be timed without the system's share.
 void pretend_fallocate(bool pretend);
+
+// mmap64 at a fixed address succeeds and does nothing: what is "mapped" so must not be touched.
+void pretend_maps(bool pretend);
+
+// fallocate64 refuses to commit for lack of space; it still gives memory back.
+void refuse_commits(bool refuse);
 
 struct MapCall {
   void* address;
