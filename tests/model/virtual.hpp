@@ -117,7 +117,8 @@ class Cache {
  private:
   Physical& _physical;
   PageManager& _manager;
-  std::vector<std::vector<int64_t>> _buckets;  // the back is the front of the list; lists grow by doubling, as the library's do
+  std::vector<std::vector<int64_t>>
+      _buckets;  // the back is the front of the list; lists grow by doubling, as the library's do
   std::vector<bool> _used = std::vector<bool>(_buckets.size());
 };
 

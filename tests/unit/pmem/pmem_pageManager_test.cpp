@@ -18,7 +18,7 @@ using oxtest::LogLine;
 
 constexpr const char* kUnit = "src/pmem/pmem_pageManager";
 constexpr const char* kRecordUnit = "src/pmem/pmem_pageInfo.inline";
-constexpr unsigned long kListNodeBytes = 32;
+constexpr unsigned long kListNodeBytes = BlockTree::node_bytes();
 
 class PageManagerTest : public oxtest::PhysicalSideTest {
  protected:

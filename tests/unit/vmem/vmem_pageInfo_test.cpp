@@ -113,7 +113,7 @@ TEST_F(PageInfoTableTest, Initialize_MapsRoundedLengthAnonymousPrivateReadWriteA
       ASSERT_EQ(fields_of(base + page), (Fields{VMEM_PageInfo::Free, 0, 0, 0, -1}));
     }
     for (unsigned long slack = static_cast<unsigned long>(pages); slack < length / kRecord; ++slack) {
-      ASSERT_EQ(fields_of(base + slack), (Fields{VMEM_PageInfo::Invalid, 0, 0, 0, 0}));
+      ASSERT_EQ(fields_of(base + slack), (Fields{VMEM_PageInfo::Invalid, 0, 0, 0, -1}));
       errno = 0;
       ASSERT_EQ(table.vmem_pageinfo(static_cast<long>(slack)), nullptr);
       ASSERT_EQ(errno, EINVAL);
@@ -221,7 +221,9 @@ TEST_F(PageInfoTest, Record_FieldsLieInOrderWithTheirWidths) {
   std::memcpy(&wide, &bytes[16], 8);
   EXPECT_EQ(wide, 0x1122334455667788L);
   std::memcpy(&wide, &bytes[24], 8);
-  EXPECT_EQ(wide, -2);
+  EXPECT_EQ(wide, -1);  // one more than the page
+  EXPECT_EQ(info->prev_pmem_page(), -2);
+  EXPECT_EQ(fields_of(info), (Fields{VMEM_PageInfo::Allocated, 1, 0x11223344, 0x1122334455667788L, -2}));
   EXPECT_EQ(info->unlock(), 0);
   EXPECT_EQ(*(reinterpret_cast<unsigned char*>(info) + 1), 0);
 }

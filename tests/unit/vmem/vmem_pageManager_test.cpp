@@ -113,7 +113,7 @@ TEST_F(PageManagerBareTest, Initialize_FreeRangeTableAndUsage) {
   const unsigned long before = InternalMemoryUsage::get_internal_usage();
   VMEM_PageManager manager;
   ASSERT_EQ(manager.initialize(200, 30), 0);
-  constexpr unsigned long kNode = 32;     // two links and a block
+  constexpr unsigned long kNode = BlockTree::node_bytes();
   constexpr unsigned long kTable = 8192;  // 200 records of 32 bytes
   EXPECT_EQ(InternalMemoryUsage::get_internal_usage(), before + sizeof(AOFirstFitAllocator) + kNode + kTable);
   oxtest::Ranges_Closure closure;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "utils/internalMemoryUsage.hpp"
 #include "vmemPages.hpp"
@@ -23,7 +24,8 @@ using oxtest::ReservedRange;
 constexpr const char* kUnit = "src/vmem/vmem_perSizeListPageCache";
 constexpr unsigned long kAll = ~0UL;
 constexpr long kPageOffset = static_cast<long>(kPage);
-constexpr unsigned long kListNode = 24;  // two links and an offset
+constexpr unsigned long kList = sizeof(std::vector<long>);
+constexpr unsigned long kEntry = sizeof(long);
 
 // All that a cache tells of itself, in pages.
 struct CacheState {
@@ -398,7 +400,7 @@ TEST_F(CacheMemoryTest, FreeBlockToCache_NoMemoryForListOrNode_EnomemAndUnchange
   }
 }
 
-TEST_F(CacheMemoryTest, FreeBlockToCache_NoMemoryForANodeOfAnExistingList_ItStaysAsItWas) {
+TEST_F(CacheMemoryTest, FreeBlockToCache_NoMemoryForMoreRoomInAnExistingList_ItStaysAsItWas) {
   VMEM_PerSizeListPageCache cache(&_page_manager, 2);
   ASSERT_EQ(cache.initialize(4), 0);
   ASSERT_EQ(cache.free_block_to_cache(0, 2), 0);
@@ -417,21 +419,44 @@ TEST_F(CacheMemoryTest, FreeBlockToCache_NoMemoryForANodeOfAnExistingList_ItStay
   EXPECT_EQ(cache.allocate_block_from_cache(2), -1);
 }
 
-TEST_F(CacheMemoryTest, InternalUsage_CountsArrayListsAndNodes) {
+TEST_F(CacheMemoryTest, FreeBlockToCache_ListThatWasAsLongBefore_TakesNoMemory) {
+  VMEM_PerSizeListPageCache cache(&_page_manager, 2);
+  ASSERT_EQ(cache.initialize(4), 0);
+  ASSERT_EQ(cache.free_block_to_cache(0, 2), 0);
+  ASSERT_EQ(cache.free_block_to_cache(2 * kPageOffset, 2), 0);
+  ASSERT_EQ(cache.allocate_block_from_cache(2), 2 * kPageOffset);
+  ASSERT_EQ(cache.allocate_block_from_cache(2), 0);
+  for (const Call call : {Call::operator_new, Call::operator_new_nothrow}) {
+    Faults::fail(call, ENOMEM, 0, oxtest::kForever);
+  }
+  const long first = cache.free_block_to_cache(2 * kPageOffset, 2);
+  const long second = cache.free_block_to_cache(0, 2);
+  Faults::reset();
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(second, 0);
+  EXPECT_EQ(cache.allocate_block_from_cache(2), 0) << "the last one in is the first one out";
+}
+
+TEST_F(CacheMemoryTest, InternalUsage_CountsArrayListsAndTheirRoom) {
   const unsigned long before = internal_usage();
   auto cache = std::make_unique<VMEM_PerSizeListPageCache>(&_page_manager, 2);
   EXPECT_EQ(internal_usage(), before);
   ASSERT_EQ(cache->initialize(4), 0);
   EXPECT_EQ(internal_usage(), before + 5 * sizeof(void*));
-  ASSERT_EQ(cache->free_block_to_cache(0, 2), 0);
+  const unsigned long with_array = internal_usage();
+  const unsigned long room[] = {1, 2, 4, 4, 8};  // a list that is full doubles its room
+  for (long block = 0; block < 5; ++block) {
+    ASSERT_EQ(cache->free_block_to_cache(2 * block * kPageOffset, 2), 0);
+    EXPECT_EQ(internal_usage(), with_array + kList + room[block] * kEntry) << "block " << block;
+  }
   const unsigned long one_list = internal_usage();
-  EXPECT_GE(one_list, before + 5 * sizeof(void*) + kListNode) << "array, list and node";
-  ASSERT_EQ(cache->free_block_to_cache(4 * kPageOffset, 2), 0);
-  EXPECT_EQ(internal_usage(), one_list + kListNode) << "only a node more";
-  ASSERT_EQ(cache->free_block_to_cache(8 * kPageOffset, 3), 0);
-  EXPECT_EQ(internal_usage() - (one_list + kListNode), one_list - (before + 5 * sizeof(void*)));
-  ASSERT_EQ(cache->allocate_block_from_cache(2), 4 * kPageOffset);
-  ASSERT_EQ(cache->allocate_block_from_cache(2), 0);
+  ASSERT_EQ(cache->free_block_to_cache(10 * kPageOffset, 3), 0);
+  EXPECT_EQ(internal_usage(), one_list + kList + kEntry) << "a list of its own";
+  for (long block = 4; block >= 0; --block) {
+    ASSERT_EQ(cache->allocate_block_from_cache(2), 2 * block * kPageOffset);
+  }
+  ASSERT_EQ(cache->free_block_to_cache(0, 2), 0);
+  EXPECT_EQ(internal_usage(), one_list + kList + kEntry) << "room once had is kept";
   cache.reset();
   EXPECT_EQ(internal_usage(), before);
 }
