@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <new>
-
-#include "utils/customCHeapAllocator.hpp"
 
 namespace oxpliv {
 
@@ -26,14 +23,14 @@ unsigned long greatest(unsigned long own, const unsigned long (&below)[2]) {
 }  // namespace
 
 // Notes what the child on a side reaches: whether that was known already.
-bool BlockTree::Node::learn(int side, bool with_places) {
+bool BlockTree::Node::learn(int side) {
   const Node* const below = child[side];
-  bool same = store(greatest_size[side], below == nullptr ? 0 : greatest(below->block.size(), below->greatest_size));
-  if (with_places) {
-    same &= store(greatest_start[side], below == nullptr ? 0 : greatest(below->block.start(), below->greatest_start));
-    same &= store(greatest_end[side], below == nullptr ? 0 : greatest(below->block.end(), below->greatest_end));
+  if (below == nullptr) {
+    return store(greatest_size[side], 0) & store(greatest_start[side], 0) & store(greatest_end[side], 0);
   }
-  return same;
+  return store(greatest_size[side], greatest(below->block.size(), below->greatest_size)) &
+         store(greatest_start[side], greatest(below->block.start(), below->greatest_start)) &
+         store(greatest_end[side], greatest(below->block.end(), below->greatest_end));
 }
 
 BlockTree::~BlockTree() {
@@ -54,16 +51,6 @@ BlockTree::Path BlockTree::find_first() const {
   return path;
 }
 
-BlockTree::Path BlockTree::find_size(unsigned long size) const {
-  Path path;
-  if (_has_tree) {
-    find_size_in_tree(path, size);
-  } else {
-    find_in_chain(path, [size](AddressBlock block) { return block.size() >= size; });
-  }
-  return path;
-}
-
 void BlockTree::find_size_in_tree(Path& path, unsigned long size) const {
   Node* node = _root;
   while (node != nullptr) {
@@ -79,32 +66,17 @@ void BlockTree::find_size_in_tree(Path& path, unsigned long size) const {
   path._found_depth = path._depth;
 }
 
-void BlockTree::insert(Path& gap, AddressBlock block) {
-  Node* const node = new (CustomCHeapAllocator<Node>().allocate(1)) Node{block};
-  Node*& place = slot(gap, gap._depth);
-  node->child[kBehind] = place;  // in a chain, what follows
-  place = node;
-  ++_count;
-  if (_has_tree) {
-    settle(gap, gap._depth, 1, gap._depth);
-  } else if (_count > kMaxChain) {
-    lay_tree();
-  }
-}
-
 void BlockTree::append(AddressBlock block) {
   Path end;
   for (Node* node = _root; node != nullptr; node = node->child[kBehind]) {
     end.step(node, kBehind);
   }
   insert(end, block);
-  if (_in_order) {
-    lose_order();
-  }
+  _in_order = false;
 }
 
 // A node with others on both sides takes over the block behind it, whose node has at most one child and goes instead.
-void BlockTree::erase(Path& path) {
+void BlockTree::erase_from_tree(Path& path) {
   const int place = path._found_depth;
   Node* node = path._found;
   path._depth = place;
@@ -116,16 +88,11 @@ void BlockTree::erase(Path& path) {
     }
     keeper->block = node->block;
   }
-  slot(path, path._depth) = node->child[node->child[kFront] != nullptr ? kFront : kBehind];
-  CustomCHeapAllocator<Node>().deallocate(node, 1);
-  --_count;
-  if (_has_tree) {
-    settle(path, path._depth, -1, place);
-  }
-  if (_has_tree && _count < kMinTree) {
+  remove(slot(path, path._depth), node->child[kFront] != nullptr ? kFront : kBehind);
+  settle(path, path._depth, -1, place);
+  if (_count < kMinTree) {
     lay_chain();
   }
-  _in_order = _in_order || _count == 0;
 }
 
 // From a place of the path up to the root: tells each node what it has on the side of the path and, as long as that side
@@ -134,7 +101,7 @@ void BlockTree::erase(Path& path) {
 void BlockTree::settle(Path& path, int depth, int growth, int last_changed) {
   for (; depth > 0; --depth) {
     const auto [node, side] = path._steps[depth - 1];
-    const bool known = node->learn(side, !_in_order);
+    const bool known = node->learn(side);
     if (growth != 0) {
       node->balance += side == kFront ? -growth : growth;
       growth = rebalance(slot(path, depth - 1), growth);
@@ -170,8 +137,8 @@ void BlockTree::rotate(Node*& top, int heavy) {
   parent->child[heavy] = child->child[1 - heavy];
   child->child[1 - heavy] = parent;
   top = child;
-  parent->learn(heavy, !_in_order);
-  child->learn(1 - heavy, !_in_order);
+  parent->learn(heavy);
+  child->learn(1 - heavy);
 }
 
 void BlockTree::lay_tree() {
@@ -195,8 +162,8 @@ BlockTree::Node* BlockTree::lay_branch(Node*& chain, unsigned long count, long& 
   node->child[kFront] = front;
   node->child[kBehind] = lay_branch(chain, count - 1 - count / 2, height_behind);
   node->balance = height_behind - height_in_front;
-  node->learn(kFront, true);
-  node->learn(kBehind, true);
+  node->learn(kFront);
+  node->learn(kBehind);
   height = 1 + std::max(height_in_front, height_behind);
   return node;
 }
@@ -215,22 +182,13 @@ void BlockTree::lay_chain() {
   _has_tree = false;
 }
 
-// From here on the greatest starts and ends are kept, until the list is empty.
-void BlockTree::lose_order() {
-  _in_order = false;
-  if (_has_tree) {
-    lay_chain();
-    lay_tree();
-  }
-}
-
 // The height of a branch, or kUnsound.
 long BlockTree::sound_height(const Node* node) const {
   if (node == nullptr) {
     return 0;
   }
   Node copy = *node;
-  const bool knows = copy.learn(kFront, !_in_order) && copy.learn(kBehind, !_in_order);
+  const bool knows = copy.learn(kFront) && copy.learn(kBehind);
   const long front = sound_height(node->child[kFront]);
   const long behind = sound_height(node->child[kBehind]);
   const bool balanced = behind - front == node->balance && std::abs(node->balance) < 2;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <new>
+
 #include "utils/addressBlock.hpp"
+#include "utils/customCHeapAllocator.hpp"
 
 namespace oxpliv {
 
@@ -8,14 +11,13 @@ namespace oxpliv {
 // height-balanced tree (AVL) ordered by position in the list, in which each node knows the greatest size, start and end
 // on either side of it. The blocks themselves may stand in any order, and are found as fast.
 //
-// What is not needed is not kept: a short list is a plain chain (`behind` leads to the next block, and the tree is laid
-// over it when it gets longer), and as long as the blocks are in address order their starts and ends are found by
-// looking at the blocks themselves.
+// A short list is a plain chain, in which `behind` leads to the next block; the tree is laid over it when it gets longer.
+// As long as the blocks are in address order, a place is found by looking at the blocks themselves.
 //
 // Owns:      its nodes, one for each block, all of one size, which count as internal usage.
 // Locking:   none; the owner's.
-// Invariant: with the tree laid, the heights on the two sides of a node differ by at most one and its greatest sizes
-//            are exact; the greatest starts and ends are exact while the blocks are out of address order.
+// Invariant: with the tree laid, the heights on the two sides of a node differ by at most one, and what it knows of
+//            either side is exact.
 class BlockTree {
  private:
   struct Node;
@@ -57,7 +59,15 @@ class BlockTree {
 
   // The first block of all, or of at least that size.
   Path find_first() const;
-  Path find_size(unsigned long size) const;
+  Path find_size(unsigned long size) const {
+    Path path;
+    if (_has_tree) {
+      find_size_in_tree(path, size);
+    } else {
+      find_in_chain(path, [size](AddressBlock block) { return block.size() >= size; });
+    }
+    return path;
+  }
 
   // The first block for which reaches(start, end) holds, or the gap in front of it. The test must hold for the greatest
   // start and end of some blocks when, and only when, it holds for one of them; and, once it holds, for all blocks
@@ -66,10 +76,16 @@ class BlockTree {
   Path find_place(Reaches reaches) const;
 
   // Puts a block into a gap, or at the end. Raises std::bad_alloc, with nothing changed, when there is no memory for its
-  // node. Appending may break the address order.
+  // node. Appending breaks the address order, until the list is empty.
   void insert(Path& gap, AddressBlock block);
   void append(AddressBlock block);
-  void erase(Path& path);
+  void erase(Path& path) {
+    if (_has_tree) {
+      erase_from_tree(path);
+    } else {
+      remove(slot(path, path._found_depth), kBehind);
+    }
+  }
 
   // To be called after a change of path.block(), or of gap.previous(), that kept its place among the others.
   void changed(Path& path) {
@@ -104,8 +120,8 @@ class BlockTree {
  private:
   enum Side { kFront = 0, kBehind = 1 };
   // Longest chain, and shortest list with a tree: apart, so that a list at the edge does not change back and forth.
-  static constexpr unsigned long kMaxChain = 24;
-  static constexpr unsigned long kMinTree = 12;
+  static constexpr unsigned long kMaxChain = 48;
+  static constexpr unsigned long kMinTree = 24;
 
   struct Node {
     AddressBlock block;
@@ -115,7 +131,7 @@ class BlockTree {
     unsigned long greatest_start[2]{};
     unsigned long greatest_end[2]{};
 
-    bool learn(int side, bool with_places);
+    bool learn(int side);
   };
 
   template <typename Holds>
@@ -128,13 +144,14 @@ class BlockTree {
   Node*& slot(Path& path, int depth) {
     return depth == 0 ? _root : path._steps[depth - 1].node->child[path._steps[depth - 1].side];
   }
+  void remove(Node*& place, int side_that_stays);
+  void erase_from_tree(Path& path);
   void settle(Path& path, int depth, int growth, int last_changed);
   int rebalance(Node*& top, int growth);
   void rotate(Node*& top, int heavy);
   void lay_tree();
   void lay_chain();
   static Node* lay_branch(Node*& chain, unsigned long count, long& height);
-  void lose_order();
   long sound_height(const Node* node) const;
 
   Node* _root = nullptr;
@@ -153,6 +170,28 @@ inline AddressBlock& BlockTree::Path::block() const {
 
 inline AddressBlock& BlockTree::Path::previous() const {
   return _steps[_previous_depth].node->block;
+}
+
+inline void BlockTree::insert(Path& gap, AddressBlock block) {
+  Node* const node = new (CustomCHeapAllocator<Node>().allocate(1)) Node{block};
+  Node*& place = slot(gap, gap._depth);
+  node->child[kBehind] = place;  // in a chain, what follows
+  place = node;
+  ++_count;
+  if (_has_tree) {
+    settle(gap, gap._depth, 1, gap._depth);
+  } else if (_count > kMaxChain) {
+    lay_tree();
+  }
+}
+
+// Frees a node that has a child on one side at most, which takes its place.
+inline void BlockTree::remove(Node*& place, int side_that_stays) {
+  Node* const node = place;
+  place = node->child[side_that_stays];
+  CustomCHeapAllocator<Node>().deallocate(node, 1);
+  --_count;
+  _in_order = _in_order || _count == 0;
 }
 
 template <typename Reaches>
