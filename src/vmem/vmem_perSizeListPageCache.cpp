@@ -43,7 +43,10 @@ long VMEM_PerSizeListPageCache::initialize(int max_bucket_pages) {
     return fail_with(ENOMEM);
   }
   InternalMemoryUsage::inc_internal_usage(bucket_array_bytes());
-  if (pthread_mutex_init(&_mutex, nullptr) != 0) {
+  pthread_mutexattr_t spins;
+  pthread_mutexattr_init(&spins);
+  pthread_mutexattr_settype(&spins, PTHREAD_MUTEX_ADAPTIVE_NP);
+  if (pthread_mutex_init(&_mutex, &spins) != 0) {
     return -1;
   }
   _initialized = true;
@@ -57,14 +60,14 @@ long VMEM_PerSizeListPageCache::allocate_block_from_cache(int pages) {
   const MutexLocker locker(&_mutex);
   Bucket* const bucket = _buckets[pages];
   if (_cached_pages < static_cast<unsigned long>(pages) || bucket == nullptr || bucket->empty()) {
-    ++_lookup_misses;
+    _lookup_misses = _lookup_misses + 1;
     return -1;
   }
   const long offset = bucket->back();
   bucket->pop_back();
   _cached_pages = _cached_pages - static_cast<unsigned long>(pages);
   lower_watermark<unsigned long>(_cached_pages_min, _cached_pages);
-  ++_lookup_hits;
+  _lookup_hits = _lookup_hits + 1;
   return offset;
 }
 
@@ -128,7 +131,8 @@ long VMEM_PerSizeListPageCache::flush_cache(unsigned long limit) {
   }
   _cached_pages = _cached_pages - flushed;
   if (flushed > 0) {
-    ++(_cached_pages > 0 ? _partial_flushes : _full_flushes);
+    Relaxed<unsigned long>& flushes = _cached_pages > 0 ? _partial_flushes : _full_flushes;
+    flushes = flushes + 1;
   }
   if (_cached_pages < _cached_pages_min) {
     PMEM::decrement_used_max_pages(_account, _cached_pages_min - _cached_pages);
@@ -158,7 +162,6 @@ void VMEM_PerSizeListPageCache::reset_watermarks_locked() {
 }
 
 void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {
-  const MutexLocker locker(&_mutex);
   stats->cached_bytes = pages_to_bytes(_cached_pages);
   stats->cached_low_bytes = pages_to_bytes(_cached_pages_min);
   stats->cached_high_bytes = pages_to_bytes(_cached_pages_max);

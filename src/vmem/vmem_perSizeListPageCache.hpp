@@ -13,8 +13,9 @@ namespace oxpliv {
 //
 // Owns:      the lists; they and their array count as internal usage. The list of the largest size is left alone when
 //            the cache goes.
-// Locking:   _mutex guards everything (the page counts may be read without it); it is taken before the page manager's
-//            mutex and before an account's.
+// Locking:   _mutex guards everything (the counters may be read without it: each is exact, and cached pages that are
+//            read first lie between watermarks that are read later); it is taken before the page manager's mutex and
+//            before an account's. It is held for so short a time that waiting for it pays more than sleeping.
 // Invariant: _cached_pages is the sum over all lists of entries x size, except inside a flush.
 class VMEM_PerSizeListPageCache : public VMEM_PageCache {
  public:
@@ -40,24 +41,28 @@ class VMEM_PerSizeListPageCache : public VMEM_PageCache {
   // The last one in is the last element: a block costs no heap allocation but when its list was never as long before.
   using Bucket = std::vector<long, CustomCHeapAllocator<long>>;
 
+  static constexpr unsigned long kCacheLine = 64;
+
   unsigned long bucket_array_bytes() const;
   bool push_to_bucket(long offset, int pages);
   long flush_bucket(int pages, unsigned long limit, unsigned long& flushed);
 
   Bucket** _buckets = nullptr;  // index: block size in pages; index 0 is never used
   int _largest_bucket = 0;      // the largest size that has a list; the array beyond it was never touched
-  pthread_mutex_t _mutex{};
+  int _max_bucket_pages = 0;
   VMEM_PageManager* const _page_manager;
   const int _account;
-  Relaxed<unsigned long> _cached_pages;
+  bool _initialized = false;
   Relaxed<unsigned long> _cached_pages_min;
   Relaxed<unsigned long> _cached_pages_max;
-  unsigned long _lookup_hits = 0;
-  unsigned long _lookup_misses = 0;
-  unsigned long _partial_flushes = 0;
-  unsigned long _full_flushes = 0;
-  int _max_bucket_pages = 0;
-  bool _initialized = false;
+  // What every block changes, on one cache line with nothing that belongs to others.
+  alignas(kCacheLine) pthread_mutex_t _mutex{};
+  Relaxed<unsigned long> _cached_pages;
+  Relaxed<unsigned long> _lookup_hits;
+  // What few change.
+  alignas(kCacheLine) Relaxed<unsigned long> _lookup_misses;
+  Relaxed<unsigned long> _partial_flushes;
+  Relaxed<unsigned long> _full_flushes;
 };
 
 }  // namespace oxpliv

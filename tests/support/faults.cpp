@@ -311,6 +311,14 @@ extern "C" void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& t
                                                                               : __real__ZnamRKSt9nothrow_t(size, tag);
 }
 
+extern "C" void* __real__ZnwmSt11align_val_tRKSt9nothrow_t(size_t size, std::align_val_t, const std::nothrow_t& tag);
+extern "C" void* __wrap__ZnwmSt11align_val_tRKSt9nothrow_t(size_t size, std::align_val_t alignment,
+                                                           const std::nothrow_t& tag) {
+  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0
+             ? nullptr
+             : __real__ZnwmSt11align_val_tRKSt9nothrow_t(size, alignment, tag);
+}
+
 extern "C" void* __real_calloc(size_t count, size_t size);
 extern "C" void* __wrap_calloc(size_t count, size_t size) {
   const int error = oxtest::pending_error(oxtest::Call::operator_new_nothrow, count * size);
