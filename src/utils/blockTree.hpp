@@ -88,16 +88,8 @@ class BlockTree {
   }
 
   // To be called after a change of path.block(), or of gap.previous(), that kept its place among the others.
-  void changed(Path& path) {
-    if (_has_tree) {
-      settle(path, path._found_depth, 0, path._found_depth);
-    }
-  }
-  void changed_previous(Path& gap) {
-    if (_has_tree) {
-      settle(gap, gap._previous_depth, 0, gap._previous_depth);
-    }
-  }
+  void changed(Path& path) { changed(path, path._found_depth, path.block()); }
+  void changed_previous(Path& gap) { changed(gap, gap._previous_depth, gap.previous()); }
 
   // Calls visit(block) for each block, in list order; until_true ends when the visit answers true.
   template <typename Visit>
@@ -144,6 +136,14 @@ class BlockTree {
   Node*& slot(Path& path, int depth) {
     return depth == 0 ? _root : path._steps[depth - 1].node->child[path._steps[depth - 1].side];
   }
+  // A block that wraps around the end of the line has no place in address order.
+  void check_order(const AddressBlock& block) { _in_order = _in_order && block.start() <= block.end(); }
+  void changed(Path& path, int depth, const AddressBlock& block) {
+    check_order(block);
+    if (_has_tree) {
+      settle(path, depth, 0, depth);
+    }
+  }
   void remove(Node*& place, int side_that_stays);
   void erase_from_tree(Path& path);
   void settle(Path& path, int depth, int growth, int last_changed);
@@ -178,6 +178,7 @@ inline void BlockTree::insert(Path& gap, AddressBlock block) {
   node->child[kBehind] = place;  // in a chain, what follows
   place = node;
   ++_count;
+  check_order(block);
   if (_has_tree) {
     settle(gap, gap._depth, 1, gap._depth);
   } else if (_count > kMaxChain) {

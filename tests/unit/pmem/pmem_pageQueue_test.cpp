@@ -1,4 +1,8 @@
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <random>
 
 #include "pmem/pmem_pageAllocator.hpp"
 #include "zonePages.hpp"
@@ -451,6 +455,189 @@ TEST_F(PageQueueTest, FreePage_HandedOutByNumberAndStillLinked_KeepsTheWholeQueu
     EXPECT_EQ(queue.free_pages(), 4U);
     queue.validate();
   }
+}
+
+// The searches that start behind what earlier ones passed over, against walks over the whole queue.
+
+class PageQueueSearchTest : public PageQueueTest {
+ protected:
+  static constexpr long kRange = 40;
+
+  std::vector<long> pages() const {
+    std::vector<long> list;
+    for (const PMEM_PageInfo* info = queue.head(); info != nullptr; info = info->next()) {
+      list.push_back(info->page_num());
+    }
+    return list;
+  }
+
+  // The first page of the queue for which `wanted` holds, or -1.
+  template <typename Wanted>
+  long first(Wanted wanted) const {
+    const std::vector<long> list = pages();
+    const auto found = std::find_if(list.begin(), list.end(), [&](long number) { return wanted(*record(number)); });
+    return found == list.end() ? -1 : *found;
+  }
+
+  bool is_on_queue(long number) const {
+    const std::vector<long> list = pages();
+    return std::find(list.begin(), list.end(), number) != list.end();
+  }
+
+  void take_funded() {
+    const long expected = first([](const PMEM_PageInfo& info) { return info.is_free(); });
+    long got = 4711;
+    ASSERT_EQ(queue.allocate_funded_page(got), expected == -1 ? -1 : 0);
+    ASSERT_EQ(got, expected);
+    if (got != -1) {
+      _out.push_back(got);
+    }
+  }
+
+  void take_any() {
+    const long expected = first([](const PMEM_PageInfo& info) { return info.is_allocatable(); });
+    ASSERT_EQ(allocate(), expected == -1 ? -1 : 0);
+    ASSERT_EQ(page, expected);
+    if (page != -1) {
+      _out.push_back(page);
+    }
+  }
+
+  void give_back(unsigned long choice) {
+    if (!_out.empty()) {
+      const size_t index = choice % _out.size();
+      ASSERT_EQ(queue.free_page(_out[index]), 0);
+      _out.erase(_out.begin() + static_cast<long>(index));
+    }
+  }
+
+  void uncommit(unsigned long count) {
+    std::vector<long> expected;
+    for (const long number : pages()) {
+      if (record(number)->is_funded() && !record(number)->is_locked() && expected.size() < count) {
+        expected.push_back(number);
+      }
+    }
+    if (std::any_of(expected.begin(), expected.end(), [](long number) { return record(number)->is_allocated(); })) {
+      return;  // fatal
+    }
+    ASSERT_EQ(queue.uncommit_memory_chunk(count, uncommitted, populated), 0);
+    ASSERT_EQ(uncommitted, expected.size());
+    for (const long number : expected) {
+      ASSERT_TRUE(record(number)->is_not_funded());
+      ASSERT_FALSE(is_on_queue(number));
+    }
+  }
+
+  void lock_or_unlock(long number) {
+    if (!record(number)->is_locked()) {
+      record(number)->lock();
+    } else {
+      record(number)->unlock();
+    }
+  }
+
+  void fund_in_place(long number) {
+    if (is_on_queue(number)) {
+      ASSERT_EQ(record(number)->fund_if_necessary_for_init(funded), 0);
+    }
+  }
+
+  void take_specific(long number) {
+    if (is_on_queue(number) && !record(number)->is_allocated() && !record(number)->is_locked()) {
+      ASSERT_EQ(queue.allocate_specific_page(number, funded), 0);
+      _out.push_back(number);
+    }
+  }
+
+  void step(std::mt19937_64& random) {
+    const long number = static_cast<long>(random() % kRange);
+    switch (random() % 16) {
+      case 0:
+        return uncommit(random() % 4);
+      case 1: {
+        unsigned long recommitted = 0;
+        ASSERT_EQ(queue.recommit_memory(random() % 6, recommitted), 0);
+        return;
+      }
+      case 2:
+      case 3:
+        return lock_or_unlock(number);
+      case 4:
+        return fund_in_place(number);
+      case 5:
+        return take_specific(number);
+      case 6:
+      case 7:
+        // A page that another thread is funding would be waited for.
+        return first([](const PMEM_PageInfo& info) { return info.is_allocatable(); }) != -1 &&
+                       record(first([](const PMEM_PageInfo& info) { return info.is_allocatable(); }))->is_locked()
+                   ? void()
+                   : take_any();
+      case 8:
+      case 9:
+      case 10:
+        return take_funded();
+      default:
+        return give_back(random());
+    }
+  }
+
+ private:
+  std::vector<long> _out;
+};
+
+TEST_F(PageQueueSearchTest, AnyOperations_FindWhatAWalkFromTheHeadFinds) {
+  const char* const given = std::getenv("OXPLIV_SEED");
+  const unsigned long seed = given != nullptr ? std::strtoul(given, nullptr, 0) : std::random_device{}();
+  std::cout << "OXPLIV_SEED=" << seed << std::endl;
+  std::mt19937_64 random(seed);
+  add(0, std::string(kRange / 2, 'N') + std::string(kRange / 2, 'F'));
+  for (int count = 0; count < 30'000; ++count) {
+    ASSERT_NO_FATAL_FAILURE(step(random)) << "step " << count;
+    ASSERT_EQ(queue.Check(), nullptr) << "step " << count;
+  }
+}
+
+TEST_F(PageQueueSearchTest, LastPageFundedInPlace_IsFound) {
+  add(10, "NNN");
+  long got = 0;
+  EXPECT_EQ(queue.allocate_funded_page(got), -1);
+  fund(12, 12);
+  EXPECT_EQ(queue.allocate_funded_page(got), 0);
+  EXPECT_EQ(got, 12);
+}
+
+TEST_F(PageQueueSearchTest, LastPageFundedInPlaceAndNoLongerLast_IsFound) {
+  add(10, "NNN");
+  long got = 0;
+  EXPECT_EQ(queue.allocate_funded_page(got), -1);
+  fund(12, 12);
+  add(20, "N");
+  EXPECT_EQ(queue.allocate_funded_page(got), 0);
+  EXPECT_EQ(got, 12);
+}
+
+TEST_F(PageQueueSearchTest, PageThatBecameTheLast_FundedInPlace_IsFound) {
+  add(10, "NNF");
+  long got = 0;
+  EXPECT_EQ(queue.allocate_funded_page(got), 0);
+  EXPECT_EQ(got, 12);
+  fund(11, 11);
+  add(20, "F");
+  EXPECT_EQ(queue.allocate_funded_page(got), 0);
+  EXPECT_EQ(got, 11);
+}
+
+TEST_F(PageQueueSearchTest, LockedPagePassedOver_IsUncommittedOnceUnlocked) {
+  add(10, "FNF");
+  record(10)->lock();
+  EXPECT_EQ(queue.uncommit_memory_chunk(1, uncommitted, populated), 0);
+  EXPECT_EQ(records(10, 12), "F* N N");
+  record(10)->unlock();
+  EXPECT_EQ(queue.uncommit_memory_chunk(1, uncommitted, populated), 0);
+  EXPECT_EQ(uncommitted, 1U);
+  EXPECT_EQ(records(10, 12), "N N N");
 }
 
 }  // namespace

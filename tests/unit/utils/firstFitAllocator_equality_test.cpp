@@ -345,4 +345,8 @@ TEST_F(FirstFitEqualityTest, TensOfThousandsThatLoseTheirOrder_AnyOperations_Sho
   run({45'000, 100'000, 2, true, false, 30'000}, 15'000);
 }
 
+TEST_F(FirstFitEqualityTest, FewRangesThatWrapAround_AnyOperations_ShowTheSame) {
+  run({800'000, 30, 3, true, true}, 400);
+}
+
 }  // namespace
