@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "listFirstFit.hpp"
 #include "support/heap.hpp"
 #include "support/interpose.hpp"
 #include "support/run.hpp"
-#include "support/sorted_list_ranges.hpp"
 #include "utils/firstFitAllocator.hpp"
 
 namespace oxbench {
@@ -23,17 +23,14 @@ namespace oxbench {
 namespace {
 
 using oxpliv::AOFirstFitAllocator;
+using oxtest::ListFirstFitAllocator;
 
 constexpr std::array<unsigned long, 6> kHoleCounts{10, 100, 1'000, 10'000, 100'000, 1'000'000};
 constexpr unsigned long kQuickHoles = 10'000;
 constexpr unsigned long kMostHolesOfList = 100'000;  // with more it takes longer than all else together
 constexpr double kSeconds = 0.02;                    // of each measurement: there are many
 
-unsigned long range_count(const SortedListRanges& ranges) {
-  return ranges.range_count();
-}
-
-unsigned long range_count(AOFirstFitAllocator& ranges) {
+unsigned long range_count(oxpliv::Allocator& ranges) {
   unsigned long count = 0;
   oxpliv::VisitRanges_Closure counter([&count](unsigned long, unsigned long) { ++count; });
   ranges.free_blocks_do_closure(&counter);
@@ -59,8 +56,8 @@ std::vector<unsigned long> hole_starts_in_random_order(const Layout& layout, uns
 
 // The records of both lie in memory as they do after a long life: in no order. The list would take hours to get there
 // by its own calls.
-std::unique_ptr<SortedListRanges> build(const SortedListRanges*, const Layout& layout, unsigned long holes) {
-  return std::make_unique<SortedListRanges>(hole_starts_in_random_order(layout, holes), layout.hole);
+std::unique_ptr<ListFirstFitAllocator> build(const ListFirstFitAllocator*, const Layout& layout, unsigned long holes) {
+  return std::make_unique<ListFirstFitAllocator>(hole_starts_in_random_order(layout, holes), layout.hole);
 }
 
 std::unique_ptr<AOFirstFitAllocator> build(const AOFirstFitAllocator*, const Layout& layout, unsigned long holes) {
@@ -228,7 +225,7 @@ void add_case(const std::string& name) {
                     [holes](benchmark::State& state) { measure<AOFirstFitAllocator, Work, Order>(state, holes); });
     if (holes <= kMostHolesOfList) {
       add_measurement(prefix + "list",
-                      [holes](benchmark::State& state) { measure<SortedListRanges, Work, Order>(state, holes); });
+                      [holes](benchmark::State& state) { measure<ListFirstFitAllocator, Work, Order>(state, holes); });
     }
   }
 }
@@ -287,7 +284,7 @@ void measure_exported(benchmark::State& state, const SpaceWithHoles& subject) {
 
 // What the calls do with ranges, once for the space and, if it hands out blocks, once for the zone.
 void measure_lists(benchmark::State& state, unsigned long holes, int lists) {
-  SortedListRanges& ranges = ranges_with_holes<SortedListRanges>(kSmallHoles, holes);
+  ListFirstFitAllocator& ranges = ranges_with_holes<ListFirstFitAllocator>(kSmallHoles, holes);
   RandomOrder order(holes);
   bool right = true;
   for ([[maybe_unused]] auto unused : state) {

@@ -21,6 +21,13 @@ ListFirstFitAllocator::ListFirstFitAllocator(unsigned long start, unsigned long 
   ListFirstFitAllocator::free_block(start, size);
 }
 
+ListFirstFitAllocator::ListFirstFitAllocator(const std::vector<unsigned long>& starts, unsigned long size) {
+  for (const unsigned long start : starts) {
+    _free_list.emplace_back(start, start + size);
+  }
+  _free_list.sort([](const auto& one, const auto& other) { return one.start() < other.start(); });
+}
+
 unsigned long ListFirstFitAllocator::alloc_first_block(unsigned long& size) {
   if (_free_list.empty()) {
     return kNone;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <list>
+#include <vector>
 
 #include "utils/addressBlock.hpp"
 #include "utils/customCHeapAllocator.hpp"
@@ -21,6 +22,8 @@ class ListFirstFitAllocator : public oxpliv::Allocator {
 
   ListFirstFitAllocator() = default;
   ListFirstFitAllocator(unsigned long start, unsigned long size);
+  // Ranges of `size` units at these places, whose nodes lie in memory in the order given here.
+  ListFirstFitAllocator(const std::vector<unsigned long>& starts, unsigned long size);
   ListFirstFitAllocator(const ListFirstFitAllocator&) = delete;
   ListFirstFitAllocator& operator=(const ListFirstFitAllocator&) = delete;
 
