@@ -422,9 +422,11 @@ long VMEM_PageManager::add_active_ref_count(void* base, void* addr, int pages, i
 
 // A single page has no others that it must be changed together with.
 inline long VMEM_PageManager::add_active_ref_count_of_run(long first_page, int pages, int delta) {
-  if (pages == 1) {
-    return PMEM::add_active_ref_count_for_page(first_page, delta);
-  }
+  return pages == 1 ? PMEM::add_active_ref_count_for_page(first_page, delta)
+                    : add_active_ref_count_of_long_run(first_page, pages, delta);
+}
+
+long VMEM_PageManager::add_active_ref_count_of_long_run(long first_page, int pages, int delta) {
   const ByteLocker together(block_reference_lock(first_page));
   return add_active_references(first_page, pages, delta, -1);
 }

@@ -121,7 +121,9 @@ class VMEM_PageManager {
  private:
   VMEM_PageInfo* allocated_block(long vpage, int pages) const;
   static long add_active_ref_count_of_run(long first_page, int pages, int delta);
-  static long add_active_ref_count_of_runs(const VMEM_PageInfo* block, int pages, int delta);
+  // Out of line, so that the single page on its way to and from the cache does not save registers for them.
+  [[gnu::noinline]] static long add_active_ref_count_of_long_run(long first_page, int pages, int delta);
+  [[gnu::noinline]] static long add_active_ref_count_of_runs(const VMEM_PageInfo* block, int pages, int delta);
   bool are_premapped(long first_page, int pages) const;
   long allocate_on_one_run(VMEM_PageInfo* block, void* addr, long vpage, long pmem_page, int pages, int prot,
                            bool populate);
