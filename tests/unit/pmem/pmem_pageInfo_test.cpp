@@ -384,6 +384,14 @@ TEST_F(ZonesTest, GiveToZone_EveryZone_IsAnsweredByPartsAndWholes) {
   }
 }
 
+TEST_F(ZonesTest, GiveToZone_BeyondTheTable_DiesThere) {
+  build();
+  const unsigned long last_whole = kPages / kTablePage * kTablePage;
+  for (const unsigned long first : {last_whole, last_whole - kTablePage, kPages - 1, kPages}) {
+    expect_fatal(kInlinePath, "Out of bounds PMEM Page Num", [&] { give(first, 4 * kTablePage, 255); });
+  }
+}
+
 // Zone 255 is none: whoever comes next may have the pages.
 TEST_F(ZonesTest, GiveToZone_PagesThatWereGivenToNone_AreGiven) {
   build();
