@@ -388,7 +388,9 @@ TEST_F(ZonesTest, GiveToZone_BeyondTheTable_DiesThere) {
   build();
   const unsigned long last_whole = kPages / kTablePage * kTablePage;
   for (const unsigned long first : {last_whole, last_whole - kTablePage, kPages - 1, kPages}) {
-    expect_fatal(kInlinePath, "Out of bounds PMEM Page Num", [&] { give(first, 4 * kTablePage, 255); });
+    for (const unsigned long end : {last_whole + kTablePage, last_whole + 4 * kTablePage}) {
+      expect_fatal(kInlinePath, "Out of bounds PMEM Page Num", [&] { give(first, end - first, 255); });
+    }
   }
 }
 
