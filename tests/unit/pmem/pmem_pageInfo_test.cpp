@@ -11,14 +11,31 @@
 #include <iostream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "exposed.hpp"
 #include "fatal.hpp"
 #include "fixtures.hpp"
 #include "pmem/pmem_backingStorage.hpp"
 #include "pmem/pmem_helper.hpp"
 #include "race.hpp"
+#include "residency.hpp"
 #include "utils/internalMemoryUsage.hpp"
+
+namespace oxtest {
+
+// How many records a table page has, and how many table pages have an entry that can tell their zone.
+struct RecordsOfATablePage {
+  friend constexpr auto exposed(RecordsOfATablePage);
+};
+template struct ExposedMember<&oxpliv::PMEM_PageInfo::kTablePage, RecordsOfATablePage>;
+struct TablePages {
+  friend constexpr auto exposed(TablePages);
+};
+template struct ExposedMember<&oxpliv::PMEM_PageInfo::kTablePages, TablePages>;
+
+}  // namespace oxtest
 
 namespace {
 
@@ -281,6 +298,241 @@ TEST_F(PageInfoTest, ExpandBothWays_NativePageNoMultipleOfTheRecord_IsFatalWitho
   for (const auto expand : {&PMEM_PageInfo::expand, &PMEM_PageInfo::expand_and_mark_free}) {
     expect_fatal(kPath, "PMEM PageInfo may span physical pages", [&] { expand(3, false); });
   }
+}
+
+// --- Zones, which whole table pages can have without their records being touched ---
+
+class ZonesTest : public PageInfoTest {
+ protected:
+  static constexpr unsigned long kTablePage = *exposed(oxtest::RecordsOfATablePage{});
+  static constexpr unsigned long kPages = 5 * kTablePage + 40;  // and a part of a table page
+
+  static void build(unsigned long pages = kPages) { ASSERT_EQ(PMEM_PageInfo::initialize(pages, false), 0); }
+
+  static unsigned long give(unsigned long first, unsigned long count, unsigned char zone) {
+    return PMEM_PageInfo::give_to_zone(static_cast<long>(first), count, zone);
+  }
+
+  // What every page should answer; other than its zone it must be as it was built.
+  static void expect_zones(const std::vector<int>& wanted) {
+    for (size_t page = 0; page < wanted.size(); ++page) {
+      PMEM_PageInfo* const record = PMEM_PageInfo::page_info(static_cast<long>(page));
+      ASSERT_EQ(record->zone_id(), wanted[page]) << "page " << page;
+      Bytes bytes = bytes_of(record);
+      bytes[2] = 0;
+      ASSERT_EQ(bytes, Bytes{}) << "page " << page;
+    }
+  }
+
+  static void lay(std::vector<int>& zones, unsigned long first, unsigned long count, int zone) {
+    std::fill_n(zones.begin() + static_cast<long>(first), count, zone);
+  }
+
+  static bool is_untouched(unsigned long page) {
+    return bytes_of(PMEM_PageInfo::page_info(static_cast<long>(page))) == Bytes{};
+  }
+};
+
+TEST_F(ZonesTest, GiveToZone_AnyRange_GivesItsPagesAndNoOthers) {
+  const unsigned long edges[] = {0,
+                                 1,
+                                 kTablePage - 1,
+                                 kTablePage,
+                                 kTablePage + 1,
+                                 3 * kTablePage - 1,
+                                 3 * kTablePage,
+                                 3 * kTablePage + 1,
+                                 5 * kTablePage,
+                                 5 * kTablePage + 1,
+                                 kPages - 1,
+                                 kPages};
+  for (const unsigned long first : edges) {
+    for (const unsigned long end : edges) {
+      if (first > end) {
+        continue;
+      }
+      SCOPED_TRACE(testing::Message() << first << " to " << end);
+      build();
+      std::vector<int> wanted(kPages, 255);
+      EXPECT_EQ(give(first, end - first, 7), end - first);
+      lay(wanted, first, end - first, 7);
+      expect_zones(wanted);
+      ASSERT_FALSE(HasFailure());
+    }
+  }
+}
+
+TEST_F(ZonesTest, GiveToZone_WholeTablePages_TouchesNoRecordOfThem) {
+  build();
+  const unsigned long first = kTablePage - 3;
+  const unsigned long end = 4 * kTablePage + 5;
+  ASSERT_EQ(give(first, end - first, 7), end - first);
+  for (unsigned long page = 0; page < kPages; ++page) {
+    const bool is_touched = (page >= first && page < kTablePage) || (page >= 4 * kTablePage && page < end);
+    ASSERT_EQ(is_untouched(page), !is_touched) << page;
+  }
+}
+
+TEST_F(ZonesTest, GiveToZone_EveryZone_IsAnsweredByPartsAndWholes) {
+  for (int zone = 0; zone < 256; ++zone) {
+    build();
+    ASSERT_EQ(give(0, 2 * kTablePage + 3, static_cast<unsigned char>(zone)), 2 * kTablePage + 3);
+    std::vector<int> wanted(kPages, 255);
+    lay(wanted, 0, 2 * kTablePage + 3, zone);
+    expect_zones(wanted);
+    ASSERT_FALSE(HasFailure()) << zone;
+  }
+}
+
+TEST_F(ZonesTest, GiveToZone_BeyondTheTable_DiesThere) {
+  build();
+  const unsigned long last_whole = kPages / kTablePage * kTablePage;
+  for (const unsigned long first : {last_whole, last_whole - kTablePage, kPages - 1, kPages}) {
+    for (const unsigned long end : {last_whole + kTablePage, last_whole + 4 * kTablePage}) {
+      expect_fatal(kInlinePath, "Out of bounds PMEM Page Num", [&] { give(first, end - first, 255); });
+    }
+  }
+}
+
+// Zone 255 is none: whoever comes next may have the pages.
+TEST_F(ZonesTest, GiveToZone_PagesThatWereGivenToNone_AreGiven) {
+  build();
+  ASSERT_EQ(give(0, kPages, 255), kPages);
+  ASSERT_EQ(give(10, 3 * kTablePage, 4), 3 * kTablePage);
+  std::vector<int> wanted(kPages, 255);
+  lay(wanted, 10, 3 * kTablePage, 4);
+  expect_zones(wanted);
+}
+
+TEST_F(ZonesTest, GiveToZone_Overlap_StopsThereAndLeavesTheStampsBeforeIt) {
+  const std::pair<unsigned long, unsigned long> owned[] = {
+      {kTablePage, kTablePage},              // a whole table page
+      {kTablePage, 3 * kTablePage},          // and more of them
+      {kTablePage + 1, 1},                   // one page
+      {kTablePage, 1},                       // at an edge
+      {2 * kTablePage - 1, 1},               // and at the other
+      {kTablePage + 60, 2 * kTablePage},     // from inside to inside
+      {2 * kTablePage - 1, 2 * kTablePage},  // around a whole table page
+      {5 * kTablePage + 3, 8},               // behind the last whole table page
+  };
+  for (const auto& [owned_first, owned_count] : owned) {
+    for (const unsigned long first :
+         {0UL, 1UL, kTablePage - 1, kTablePage, owned_first - 1, owned_first, owned_first + owned_count - 1}) {
+      SCOPED_TRACE(testing::Message() << owned_count << " pages from " << owned_first << ", then from " << first);
+      build();
+      std::vector<int> wanted(kPages, 255);
+      ASSERT_EQ(give(owned_first, owned_count, 0), owned_count);
+      lay(wanted, owned_first, owned_count, 0);
+      const unsigned long given = first < owned_first ? owned_first - first : 0;
+      const bool is_free = first >= owned_first + owned_count;
+      ASSERT_FALSE(is_free);
+      EXPECT_EQ(give(first, kPages - first, 1), given);
+      lay(wanted, first, given, 1);
+      expect_zones(wanted);
+      EXPECT_EQ(give(first, given + 1, 2), 0U);  // what was stamped is owned
+      expect_zones(wanted);
+      ASSERT_FALSE(HasFailure());
+    }
+  }
+}
+
+// A whole table page is not laid as one over a page that somebody owns, wherever in it that page lies.
+TEST_F(ZonesTest, GiveToZone_OneOwnedPageAnywhereInATablePage_IsNoticed) {
+  for (unsigned long owned = kTablePage; owned < 2 * kTablePage; ++owned) {
+    build();
+    std::vector<int> wanted(kPages, 255);
+    PMEM_PageInfo::page_info(static_cast<long>(owned))->set_zone(9);
+    ASSERT_EQ(give(kTablePage, 2 * kTablePage, 3), owned - kTablePage);
+    lay(wanted, kTablePage, owned - kTablePage, 3);
+    wanted[owned] = 9;
+    expect_zones(wanted);
+    ASSERT_FALSE(HasFailure()) << owned;
+  }
+}
+
+TEST_F(ZonesTest, SetZone_OneRecordOfAPageLaidAsAWhole_LeavesTheZoneOfTheOthers) {
+  for (const int zone : {0, 5, 254, 255}) {
+    for (const unsigned long page : {kTablePage, kTablePage + 1, kTablePage + 77, 2 * kTablePage - 1}) {
+      SCOPED_TRACE(testing::Message() << "page " << page << " to zone " << zone);
+      build();
+      ASSERT_EQ(give(0, 4 * kTablePage, 8), 4 * kTablePage);
+      std::vector<int> wanted(kPages, 255);
+      lay(wanted, 0, 4 * kTablePage, 8);
+      PMEM_PageInfo::page_info(static_cast<long>(page))->set_zone(static_cast<unsigned char>(zone));
+      wanted[page] = zone;
+      expect_zones(wanted);
+      EXPECT_TRUE(is_untouched(kTablePage - 1));  // the table pages beside it are told as before
+      EXPECT_TRUE(is_untouched(2 * kTablePage));
+      PMEM_PageInfo::page_info(static_cast<long>(page))->set_zone(8);
+      wanted[page] = 8;
+      expect_zones(wanted);
+      ASSERT_FALSE(HasFailure());
+    }
+  }
+}
+
+TEST_F(ZonesTest, SetZone_OneRecordOfAPageInNoZone_LeavesTheOthersInNone) {
+  build();
+  std::vector<int> wanted(kPages, 255);
+  for (const unsigned long page : {kTablePage + 3, 5 * kTablePage + 3, kPages - 1}) {
+    PMEM_PageInfo::page_info(static_cast<long>(page))->set_zone(0);
+    wanted[page] = 0;
+  }
+  expect_zones(wanted);
+}
+
+TEST_F(ZonesTest, Initialize_AfterZonesWereLaid_ForgetsThem) {
+  build();
+  ASSERT_EQ(give(0, kPages, 8), kPages);
+  PMEM_PageInfo::page_info(3)->set_zone(4);
+  for (const unsigned long pages : {kPages, 2 * kPages, 10UL}) {
+    build(pages);
+    expect_zones(std::vector<int>(pages, 255));
+  }
+  build();
+  ASSERT_EQ(give(0, kPages, 2), kPages);
+  expect_zones(std::vector<int>(kPages, 2));
+}
+
+TEST_F(ZonesTest, GiveToZone_BehindTheLastTablePageWithAnEntry_IsToldByTheRecords) {
+  constexpr unsigned long kEnd = *exposed(oxtest::TablePages{}) * kTablePage;
+  build(kEnd + 2 * kTablePage);
+  const unsigned long first = kEnd - kTablePage - 1;
+  const unsigned long count = 2 * kTablePage + 6;
+  ASSERT_EQ(give(first, count, 6), count);
+  const auto zone = [](unsigned long page) { return PMEM_PageInfo::page_info(static_cast<long>(page))->zone_id(); };
+  for (unsigned long page = first - 3; page < kEnd + 2 * kTablePage; ++page) {
+    ASSERT_EQ(zone(page), page >= first && page < first + count ? 6 : 255) << page;
+    const bool is_told_by_its_entry = page >= kEnd - kTablePage && page < kEnd;
+    ASSERT_EQ(is_untouched(page), is_told_by_its_entry || zone(page) == 255) << page;
+  }
+  PMEM_PageInfo::page_info(static_cast<long>(kEnd) - 1)->set_zone(2);
+  PMEM_PageInfo::page_info(static_cast<long>(kEnd))->set_zone(3);
+  EXPECT_EQ(zone(kEnd - 2), 6);
+  EXPECT_EQ(zone(kEnd - 1), 2);
+  EXPECT_EQ(zone(kEnd), 3);
+  EXPECT_EQ(zone(kEnd + 1), 6);
+  EXPECT_EQ(give(kEnd + 2 * kTablePage - 1, 1, 9), 1U);
+  EXPECT_EQ(give(first - 1, kTablePage, 9), 1U);
+}
+
+TEST_F(ZonesTest, Memory_OfATableOfEightMillionRecordsInOneZone_IsLittle) {
+  constexpr unsigned long kMany = (1UL << 23) + 1;  // with a record on a native page of its own
+  constexpr unsigned long kMost = 64UL << 10;
+  oxtest::take_small_pages_only();
+  build(kMany);
+  const auto resident = [] {
+    return oxtest::resident_bytes(PMEM_PageInfo::page_info_base(), PMEM_PageInfo::page_info_top());
+  };
+  EXPECT_LE(resident(), kMost);
+  EXPECT_TRUE(PMEM_PageInfo::page_info(0)->is_not_funded());
+  ASSERT_EQ(give(1, kMany - 2, 3), kMany - 2);
+  EXPECT_LE(resident(), kMost);
+  EXPECT_EQ(PMEM_PageInfo::page_info(0)->zone_id(), 255);
+  EXPECT_EQ(PMEM_PageInfo::page_info(1)->zone_id(), 3);
+  EXPECT_EQ(PMEM_PageInfo::page_info(kMany / 2)->zone_id(), 3);
+  EXPECT_EQ(PMEM_PageInfo::page_info(kMany - 2)->zone_id(), 3);
+  EXPECT_EQ(PMEM_PageInfo::page_info(kMany - 1)->zone_id(), 255);
 }
 
 // --- Lookup ---

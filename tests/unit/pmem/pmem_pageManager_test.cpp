@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "physical_side.hpp"
+#include "residency.hpp"
 
 namespace {
 
@@ -243,6 +244,67 @@ TEST_F(PageManagerTest, AddZone_Overlap_StopsAtTheFirstSharedPageAndLeavesTheSta
     EXPECT_EQ(PMEM_PageManager::zone_id_for_page(start + 3), blocks ? 255 : 0);
   }
   EXPECT_EQ(zone(0).free_pages(), 4UL);
+}
+
+// Zones of whole table pages (128 records) are kept for the page as a whole.
+TEST_F(PageManagerTest, AddZone_OverPartsAndWholesOfTablePages_EachPageAnswersItsZone) {
+  start_manager(1000);
+  const struct {
+    long start;
+    unsigned long pages;
+  } zones[] = {{0, 128}, {128, 5}, {133, 123}, {256, 384}, {640, 1}, {700, 200}, {900, 100}};
+  for (const auto& one : zones) {
+    ASSERT_GE(add_zone(one.start, one.pages, one.pages, true), 0);
+  }
+  for (long page = 0; page < 1000; ++page) {
+    int wanted = 255;
+    for (size_t id = 0; id < std::size(zones); ++id) {
+      const bool is_inside = page >= zones[id].start && page < zones[id].start + static_cast<long>(zones[id].pages);
+      wanted = is_inside ? static_cast<int>(id) : wanted;
+    }
+    ASSERT_EQ(PMEM_PageManager::zone_id_for_page(page), wanted) << page;
+    ASSERT_EQ(info(page).zone_id(), wanted) << page;
+  }
+}
+
+TEST_F(PageManagerTest, AddZone_OverlapInsideAndAtTheEdgesOfTablePages_LeavesTheStampsBeforeIt) {
+  start_manager(1024);
+  ASSERT_EQ(add_zone(256, 128, 256, true), 0);  // table pages 2 and 3
+  ASSERT_EQ(add_zone(700, 1, 1, true), 1);      // inside table page 5
+  const struct {
+    long start;
+    unsigned long max;
+    long stamped;  // before the overlap
+  } cases[] = {{0, 300, 256}, {511, 2, 0}, {384, 10, 0}, {512, 256, 188}, {701, 323, 323}};
+  std::vector<int> wanted(1024, 255);
+  std::fill_n(wanted.begin() + 256, 256, 0);
+  wanted[700] = 1;
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.start);
+    const bool fits = one.stamped == static_cast<long>(one.max);
+    oxtest::LogCapture::clear();
+    errno = kOtherErrno;
+    EXPECT_EQ(add_zone(one.start, 1, one.max, true), fits ? 2 : -1);
+    if (!fits) {
+      EXPECT_EQ(errno, EFAULT);
+      expect_log({{1, "Page added to multiple zones"}});
+    }
+    std::fill_n(wanted.begin() + one.start, one.stamped, 2);
+    for (long page = 0; page < 1024; ++page) {
+      ASSERT_EQ(PMEM_PageManager::zone_id_for_page(page), wanted[static_cast<size_t>(page)]) << page;
+    }
+  }
+}
+
+TEST_F(PageManagerTest, AddZone_OverEightMillionPages_TakesLittleMemoryForTheirRecords) {
+  constexpr unsigned long kMany = 1UL << 23;
+  oxtest::take_small_pages_only();
+  ASSERT_EQ(PMEM_PageManager::initialize(kMany, 0, false), 0);
+  ASSERT_EQ(add_zone(0, kMany, kMany, true), 0);
+  EXPECT_LE(oxtest::resident_bytes(PMEM_PageInfo::page_info_base(), PMEM_PageInfo::page_info_top()), 64UL << 10);
+  EXPECT_EQ(PMEM_PageManager::zone_id_for_page(0), 0);
+  EXPECT_EQ(PMEM_PageManager::zone_id_for_page(static_cast<long>(kMany) - 1), 0);
+  EXPECT_EQ(zone(0).free_pages(), kMany);
 }
 
 TEST_F(PageManagerTest, AddZone_OverlapAfterPrefunding_KeepsThePrefundedPagesAndTheirCost) {

@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "exposed.hpp"
@@ -384,13 +385,15 @@ TEST_F(BlockTreeTest, Changed_ListOutOfOrder_TellsTheNodesAboveItsNewEnds) {
     ranges.push_back({3, 5});
     for (size_t index = 0; index < count; ++index) {
       SCOPED_TRACE(testing::Message() << count << " blocks, block " << index);
-      Path path = tree->find_place(reaching(ranges[index].start));
-      path.block().grow_from_front(1);
-      path.block().grow_from_back(1);
-      tree->changed(path);
-      --ranges[index].start;
-      ++ranges[index].end;
-      expect_whole(*tree, ranges);
+      for (const auto& [front, back] : {std::pair{1UL, 0UL}, {0UL, 1UL}, {1UL, 1UL}, {~0UL, 0UL}, {~0UL, ~0UL}}) {
+        Path path = tree->find_place(reaching(ranges[index].start));
+        path.block().grow_from_front(front);
+        path.block().grow_from_back(back);
+        tree->changed(path);
+        ranges[index].start -= front;
+        ranges[index].end += back;
+        expect_whole(*tree, ranges);
+      }
       ASSERT_FALSE(HasFailure());
     }
   }

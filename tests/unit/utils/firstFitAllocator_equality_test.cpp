@@ -221,12 +221,13 @@ class FirstFitEqualityTest : public oxtest::FaultTest {
   // Each seed has its share of the steps, on lists that begin anew every now and then.
   void run(const Course& course, unsigned long steps_of_a_list) {
     const auto all = seeds();
+    const unsigned long share = course.steps / kShare / all.size();
     for (const unsigned long seed : all) {
       std::cout << "OXPLIV_SEED=" << seed << std::endl;
       SCOPED_TRACE(testing::Message() << "OXPLIV_SEED=" << seed);
       _random.seed(seed);
-      for (unsigned long done = 0; done < course.steps / kShare / all.size(); done += steps_of_a_list) {
-        play(course, steps_of_a_list);
+      for (unsigned long done = 0; done < share; done += steps_of_a_list) {
+        play(course, std::min(steps_of_a_list, share));
         if (HasFatalFailure()) {
           return;
         }

@@ -14,6 +14,7 @@
 #include "fixtures.hpp"
 #include "pmem/pmem.hpp"
 #include "pmem/pmem_helper.hpp"
+#include "residency.hpp"
 #include "utils/internalMemoryUsage.hpp"
 
 namespace {
@@ -119,6 +120,46 @@ TEST_F(PageInfoTableTest, Initialize_MapsRoundedLengthAnonymousPrivateReadWriteA
       ASSERT_EQ(errno, EINVAL);
     }
   }
+}
+
+TEST_F(PageInfoTableTest, Initialize_RecordsOfPages_AreZeroFilledAndRememberNoPage) {
+  VMEM_PageInfoManager table;
+  ASSERT_EQ(table.initialize(300), 0);
+  const std::array<unsigned char, kRecord> zeros{};
+  for (long page = 0; page < 300; ++page) {
+    VMEM_PageInfo* const info = table.vmem_pageinfo(page);
+    ASSERT_EQ(std::memcmp(static_cast<const void*>(info), zeros.data(), kRecord), 0) << page;
+    ASSERT_TRUE(info->is_free());
+    ASSERT_EQ(info->prev_pmem_page(), -1);
+    info->initialize_as_free();  // is what they are already
+    ASSERT_EQ(std::memcmp(static_cast<const void*>(info), zeros.data(), kRecord), 0) << page;
+  }
+}
+
+TEST_F(PageInfoTableTest, Memory_OfATableOfEightMillionRecords_IsThatOfTheSlackAndOfWhatIsUsed) {
+  constexpr int kMany = (1 << 23) + 1;
+  constexpr unsigned long kMost = 64UL << 10;
+  oxtest::take_small_pages_only();
+  VMEM_PageInfoManager table;
+  ASSERT_EQ(table.initialize(kMany), 0);
+  const auto resident = [&] {
+    return oxtest::resident_bytes(table.vmem_pageinfo_base(), table.vmem_pageinfo_base() + kMany);
+  };
+  EXPECT_LE(resident(), kMost);
+  table.vmem_pageinfo(kMany / 2)->set_block_size(8);
+  EXPECT_EQ(table.vmem_pageinfo(kMany / 2)->change_state_to_allocated(5, 8), 0);
+  EXPECT_TRUE(table.vmem_pageinfo(kMany - 1)->is_free());
+  EXPECT_EQ((table.vmem_pageinfo(kMany - 1) + 1)->state(), VMEM_PageInfo::Invalid);
+  EXPECT_LE(resident(), kMost);
+}
+
+TEST_F(PageInfoTest, PrevPmemPage_AnyPageOrNone_IsKept) {
+  for (const long page : {0L, 1L, 5L, -1L, -2L, 1L << 40, -1L}) {
+    record(3)->set_prev_pmem_page(page);
+    EXPECT_EQ(record(3)->prev_pmem_page(), page);
+  }
+  EXPECT_EQ(record(2)->prev_pmem_page(), -1);
+  EXPECT_EQ(record(4)->prev_pmem_page(), -1);
 }
 
 TEST_F(PageInfoTableTest, Initialize_MappingFails_LeavesTableAbsentAndUsageUnchanged) {

@@ -437,6 +437,19 @@ TEST_F(CacheMemoryTest, FreeBlockToCache_ListThatWasAsLongBefore_TakesNoMemory) 
   EXPECT_EQ(cache.allocate_block_from_cache(2), 0) << "the last one in is the first one out";
 }
 
+TEST_F(CacheMemoryTest, Initialize_AsksForAPlaceForEverySizeUpToTheLargest) {
+  static long asked;
+  asked = 0;
+  Faults::observer = [](Call call, const std::array<long, 6>& arguments, int) {
+    asked += call == Call::operator_new_nothrow ? arguments[0] : 0;
+  };
+  VMEM_PerSizeListPageCache cache(&_page_manager, 2);
+  const long result = cache.initialize(4);
+  Faults::observer = nullptr;
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(asked, static_cast<long>(5 * sizeof(void*)));
+}
+
 TEST_F(CacheMemoryTest, InternalUsage_CountsArrayListsAndTheirRoom) {
   const unsigned long before = internal_usage();
   auto cache = std::make_unique<VMEM_PerSizeListPageCache>(&_page_manager, 2);
