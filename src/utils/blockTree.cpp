@@ -148,10 +148,10 @@ void BlockTree::lay_tree() {
   _has_tree = true;
 }
 
-// Lays a balanced branch over the next nodes of a chain.
+// Lays a balanced branch over the next nodes of a chain, or what is left of it.
 BlockTree::Node* BlockTree::lay_branch(Node*& chain, unsigned long count, long& height) {
   height = 0;
-  if (count == 0) {
+  if (count == 0 || chain == nullptr) {
     return nullptr;
   }
   long height_in_front = 0;
