@@ -581,6 +581,12 @@ long PMEM::map_in_chunks(char* address, unsigned long offset, unsigned long leng
 }
 
 long PMEM::map_pages(void* address, long page, unsigned long pages, int protection, bool populate, bool chunked) {
+  RefCountChanges references;
+  return map_pages(address, page, pages, protection, populate, chunked, references);
+}
+
+long PMEM::map_pages(void* address, long page, unsigned long pages, int protection, bool populate, bool chunked,
+                     RefCountChanges& references) {
   if (!_initialized) {
     return -1;
   }
@@ -597,7 +603,7 @@ long PMEM::map_pages(void* address, long page, unsigned long pages, int protecti
     _total_map_count.add(1);
   }
   for (unsigned long i = 0; i < pages; ++i) {
-    increment_ref_count_for_page(page + static_cast<long>(i));
+    references.increment(page + static_cast<long>(i));
     if (populate) {
       increment_populated_ref_count_for_page(page + static_cast<long>(i));
     }
@@ -627,33 +633,41 @@ long PMEM::unmap_pages(void* address, long page, unsigned long pages) {
   if (!_initialized || PMEM_BackingStorage::unmap_region(address, page_offset(page), pages_to_bytes(pages)) != 0) {
     return -1;
   }
+  RefCountChanges references;
   for (unsigned long i = 0; i < pages; ++i) {
-    decrement_ref_count_for_page(page + static_cast<long>(i));
+    references.decrement(page + static_cast<long>(i));
   }
   return 0;
 }
 
-long PMEM::increment_ref_count_for_page(long page) {
-  if (!_initialized) {
-    return fail_with(EINVAL);
+PMEM::RefCountChanges::~RefCountChanges() {
+  if (_references != 0) {
+    _total_ref_count.add(_references);
   }
+  if (_unmapped != 0) {
+    _unmapped_page_count.add(_unmapped);
+  }
+}
+
+long PMEM::RefCountChanges::increment(long page) {
   const long count = PMEM_PageManager::add_ref_count_for_page(page, 1);
-  if (count != -1) {
-    _total_ref_count.add(1);
-  }
+  _references += count != -1 ? 1 : 0;
   return count;
 }
 
-long PMEM::decrement_ref_count_for_page(long page) {
+long PMEM::RefCountChanges::decrement(long page) {
+  const long count = PMEM_PageManager::add_ref_count_for_page(page, -1);
+  _references -= count != -1 ? 1 : 0;
+  ++_unmapped;
+  return count;
+}
+
+long PMEM::change_ref_count_for_page(long page, int delta) {
   if (!_initialized) {
     return fail_with(EINVAL);
   }
-  const long count = PMEM_PageManager::add_ref_count_for_page(page, -1);
-  _unmapped_page_count.add(1);
-  if (count != -1) {
-    _total_ref_count.subtract(1);
-  }
-  return count;
+  RefCountChanges references;
+  return delta > 0 ? references.increment(page) : references.decrement(page);
 }
 
 long PMEM::add_active_ref_count_for_page(long page, int delta) {

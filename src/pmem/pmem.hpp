@@ -106,6 +106,24 @@ class PMEM_Account {
 // Results are 0, or -1 with errno, unless said otherwise. Page numbers outside the page table are fatal.
 class PMEM {
  public:
+  // Changes reference counts of pages, one by one, and the totals for all of them when it goes: totals are shared by all
+  // threads, and what only statistics read may follow a moment later.
+  class RefCountChanges {
+   public:
+    RefCountChanges() = default;
+    ~RefCountChanges();
+    RefCountChanges(const RefCountChanges&) = delete;
+    RefCountChanges& operator=(const RefCountChanges&) = delete;
+
+    // The new count, or -1.
+    long increment(long page);
+    long decrement(long page);
+
+   private:
+    long _references = 0;
+    unsigned long _unmapped = 0;
+  };
+
   static constexpr int kAccounts = OX_PLIV_ACCOUNT_COUNT;
   static constexpr int kInitialFundingAccount = 2;  // initial funding is charged to it
 
@@ -167,12 +185,14 @@ class PMEM {
   // Maps pages at exactly `address` and counts a reference on each; in pieces of map_chunk_pages when chunked. After a
   // failure nothing of the range is mapped by this call.
   static long map_pages(void* address, long page, unsigned long pages, int protection, bool populate, bool chunked);
+  static long map_pages(void* address, long page, unsigned long pages, int protection, bool populate, bool chunked,
+                        RefCountChanges& references);
   static long populate_maps(void* address, long page, unsigned long pages, bool only_initially_funded);
   static long unmap_pages(void* address, long page, unsigned long pages);
 
   // Counters of a page: the new count, or -1.
-  static long increment_ref_count_for_page(long page);
-  static long decrement_ref_count_for_page(long page);
+  static long increment_ref_count_for_page(long page) { return change_ref_count_for_page(page, 1); }
+  static long decrement_ref_count_for_page(long page) { return change_ref_count_for_page(page, -1); }
   static long add_active_ref_count_for_page(long page, int delta);
   static long increment_populated_ref_count_for_page(long page);
   static long decrement_populated_ref_count_for_page(long page);
@@ -208,6 +228,7 @@ class PMEM {
   static long create_account(int index, long bytes);
   static long map_in_chunks(char* address, unsigned long offset, unsigned long length, int protection, bool populate);
   static void expand_fund(int index, unsigned long pages);
+  static long change_ref_count_for_page(long page, int delta);
 
   static bool _initialized;
   static bool _prefund;

@@ -46,7 +46,7 @@ long PMEM_PageInfo::initialize(unsigned long num_pages, bool) {
 
 // What is kept beside a table, when another takes its place.
 void PMEM_PageInfo::forget_table() {
-  std::fill(_zone_of_table_page, _zone_of_table_page + table_pages(), kNoneHasZone);
+  std::fill(_zone_of_table_page, _zone_of_table_page + std::min(kTablePages, table_pages() + 1), kNoneHasZone);
   for (long page = next_funded(0); page < _page_info_top - _page_info_base; page = next_funded(page + 1)) {
     _page_info_base[page].note_memory(false);
   }
@@ -169,8 +169,7 @@ long PMEM_PageInfo::fund_locked(bool& funded) {
   return result;
 }
 
-long PMEM_PageInfo::fund_if_necessary_for_allocate(bool& funded) {
-  funded = false;
+long PMEM_PageInfo::fund_for_allocate(bool& funded) {
   while (is_not_funded()) {
     if (try_lock() == 0) {
       return fund_locked(funded);

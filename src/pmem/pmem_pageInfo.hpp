@@ -106,7 +106,10 @@ class PMEM_PageInfo {
 
   // Makes sure that memory stands behind a page that is about to be handed out: waits for whoever is funding it.
   // `funded` tells whether this call committed it. 0, or the backing storage's failure (the page stays NotFunded).
-  long fund_if_necessary_for_allocate(bool& funded);
+  long fund_if_necessary_for_allocate(bool& funded) {
+    funded = false;
+    return is_not_funded() ? fund_for_allocate(funded) : 0;
+  }
 
   // The same for initial funding, but a page whose lock is busy is passed over with 0.
   long fund_if_necessary_for_init(bool& funded);
@@ -124,6 +127,7 @@ class PMEM_PageInfo {
   void check_state(State wanted, const char* message) const;
   const char* state_name() const;
   long fund_locked(bool& funded);
+  long fund_for_allocate(bool& funded);
   static long add_to(Relaxed<uint32_t>& count, int delta);
 
   // Zones of whole table pages of kTablePage records: kNoneHasZone, or the zone of all its pages plus one, or

@@ -21,13 +21,14 @@ inline PMEM_PageInfo* PMEM_PageInfo::page_info(long page_num) {
 
 inline uint16_t PMEM_PageInfo::zone_of_table_page() const {
   const unsigned long entry = table_page();
-  return entry < kTablePages ? static_cast<uint16_t>(_zone_of_table_page[entry]) : kEachTellsItsZone;
+  return entry < kTablePages ? _zone_of_table_page[entry].acquire() : kEachTellsItsZone;
 }
 
 inline unsigned char PMEM_PageInfo::zone_id() const {
+  const uint16_t of_all = zone_of_table_page();  // first: where it leaves it to the records, they have been told
   unsigned zone_plus_one = _zone_id_plus_one;
-  if (zone_plus_one == 0 && is_one_zone(zone_of_table_page())) {
-    zone_plus_one = zone_of_table_page();
+  if (zone_plus_one == 0 && is_one_zone(of_all)) {
+    zone_plus_one = of_all;
   }
   return static_cast<unsigned char>(zone_plus_one - 1);
 }

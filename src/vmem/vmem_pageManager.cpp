@@ -144,11 +144,15 @@ void* VMEM_PageManager::allocate_pages(void* base, int pages, int account, int p
   if (pmem_page != kNoPage) {
     check_no_active_maps(pmem_page);
     if (are_premapped(pmem_page, pages)) {
-      _premap_reuse_count.add(pages > 1 ? 1 : 0);
+      if (pages > 1) {
+        _premap_reuse_count.add(1);
+      }
       update_high_watermark_page(pmem_page + pages - 1);
       return page_address(base, pmem_page);
     }
-    _premap_fail_count.add(pages == 1 ? 1 : 0);
+    if (pages == 1) {
+      _premap_fail_count.add(1);
+    }
   } else if (pages == 1) {
     return kNoAddress;
   }
@@ -215,24 +219,32 @@ void* VMEM_PageManager::abandon_block(long vpage, int pages, int account) {
 
 long VMEM_PageManager::map_pages_with_possible_stomp(void* addr, long vpage, long pmem_page, int pages, int prot,
                                                      bool populate) {
-  const long result = PMEM::map_pages(addr, pmem_page, static_cast<unsigned long>(pages), prot, populate, true);
+  PMEM::RefCountChanges references;  // a mapping over another one leaves the total as it was
+  const long result =
+      PMEM::map_pages(addr, pmem_page, static_cast<unsigned long>(pages), prot, populate, true, references);
   if (result != 0) {
     return result;
   }
   const ErrnoKeeper keeper;
-  for (long page = vpage; page < vpage + pages; ++page) {
-    const VMEM_PageInfo* const record = get_vmem_page_info(page);
+  unsigned long maps = 0;
+  unsigned long stomps = 0;
+  const VMEM_PageInfo* const first = get_vmem_page_info(vpage);
+  for (const VMEM_PageInfo* record = first; record < first + pages; ++record) {
     const long old_page = record->prev_pmem_page();
     if (old_page != kNoPage) {  // once for each alias: the old mapping was at each of them
-      PMEM::decrement_ref_count_for_page(old_page);
+      references.decrement(old_page);
       if (populate) {
         PMEM::decrement_populated_ref_count_for_page(old_page);
       }
     }
     if (record->pmem_map_size() > 0) {
-      _map_count.add(1);
-      _map_stomp_count.add(old_page != kNoPage ? 1 : 0);
+      ++maps;
+      stomps += old_page != kNoPage ? 1 : 0;
     }
+  }
+  _map_count.add(maps);
+  if (stomps != 0) {
+    _map_stomp_count.add(stomps);
   }
   return result;
 }

@@ -140,7 +140,7 @@ void* VMEM_SpaceManager::allocate(long alias_index, unsigned long size, int acco
   }
   // A cached block kept its mappings at every alias.
   if (_map_all_aliases && !from_cache && !_page_manager.is_premapped_addr(alias.base, block) &&
-      multimap_addr_to_all_aliases(block, static_cast<unsigned long>(pages)) != 0) {
+      multimap_to_other_aliases(alias_index, block, static_cast<unsigned long>(pages)) != 0) {
     const ErrnoKeeper keeper;
     free(block, size, account);
     return kNoAddress;
@@ -209,6 +209,11 @@ long VMEM_SpaceManager::multimap_addr_to_all_aliases(void* addr, unsigned long p
   if (static_cast<unsigned long>(static_cast<char*>(addr) - static_cast<char*>(base)) < _premapped_size) {
     return 0;  // at every alias already
   }
+  return multimap_to_other_aliases(index, addr, pages);
+}
+
+long VMEM_SpaceManager::multimap_to_other_aliases(long index, void* addr, unsigned long pages) {
+  void* const base = _aliases[index].base;
   const int count = alias_count();
   for (int i = 0; i < count; ++i) {
     const Alias& alias = _aliases[i];

@@ -90,6 +90,7 @@ class VMEM_SpaceManager {
   int alias_count() const { return _alias_count.load(std::memory_order_acquire); }
   // What one allocation adds to the active references of its pages.
   int references_of_block() const { return _map_all_aliases ? alias_count() : 1; }
+  long multimap_to_other_aliases(long index, void* addr, unsigned long pages);
   void* allocate_block(const Alias& alias, int pages, int account, bool& from_cache);
   template <typename Lookup>
   long look_up(void* addr, Lookup lookup) const;
