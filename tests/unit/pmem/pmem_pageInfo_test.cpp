@@ -481,6 +481,26 @@ TEST_F(ZonesTest, SetZone_OneRecordOfAPageInNoZone_LeavesTheOthersInNone) {
   expect_zones(wanted);
 }
 
+TEST_F(ZonesTest, ZoneId_WhileAnotherRecordOfItsTablePageIsSet_IsAnsweredThroughout) {
+  constexpr long kMany = 1L << 22;
+  build(kMany);
+  ASSERT_EQ(give(0, kMany, 3), static_cast<unsigned long>(kMany));
+  std::atomic<long> next = 0;
+  std::atomic<long> wrong = 0;
+  std::thread reader([&] {
+    for (long page = 0; page < kMany; page = next) {
+      wrong += PMEM_PageInfo::page_info(page + 5)->zone_id() == 3 ? 0 : 1;
+    }
+  });
+  for (long page = 0; page < kMany; page += static_cast<long>(kTablePage)) {
+    next = page;
+    PMEM_PageInfo::page_info(page + 64)->set_zone(3);
+  }
+  next = kMany;
+  reader.join();
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(ZonesTest, Initialize_AfterZonesWereLaid_ForgetsThem) {
   build();
   ASSERT_EQ(give(0, kPages, 8), kPages);

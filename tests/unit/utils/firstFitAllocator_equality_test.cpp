@@ -346,8 +346,20 @@ TEST_F(FirstFitEqualityTest, TensOfThousandsThatLoseTheirOrder_AnyOperations_Sho
   run({45'000, 100'000, 2, true, false, 30'000}, 15'000);
 }
 
-TEST_F(FirstFitEqualityTest, FewRangesThatWrapAround_AnyOperations_ShowTheSame) {
-  run({800'000, 30, 3, true, true}, 400);
+// Nothing rejects a range whose end wraps, and taking from its front moves it behind ranges that stand after it.
+TEST_F(FirstFitEqualityTest, SizesThatWrapAround_AnyOperations_ShowTheSame) {
+  run({800'000, 300, 6, true, true}, 400);
+}
+
+TEST_F(FirstFitEqualityTest, RangeThatWrapsTakenPastItsNeighbours_IsFoundWhereItStands) {
+  Twins twins;
+  for (unsigned long start = 100; start <= 2500; start += 100) {
+    twins.run({Kind::Free, start, 10, false});
+  }
+  twins.run({Kind::Free, 150, ~0UL - 100, false});
+  twins.run({Kind::Alloc, 0, 1000, false});  // what is left begins at 1150, in front of 200
+  twins.run({Kind::Free, 250, 5, false});
+  twins.compare();
 }
 
 }  // namespace
