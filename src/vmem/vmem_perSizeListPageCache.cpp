@@ -162,9 +162,11 @@ void VMEM_PerSizeListPageCache::reset_watermarks_locked() {
 }
 
 void VMEM_PerSizeListPageCache::get_stats(ox_pliv_space_stats_t* stats) {
-  stats->cached_bytes = pages_to_bytes(_cached_pages);
-  stats->cached_low_bytes = pages_to_bytes(_cached_pages_min);
-  stats->cached_high_bytes = pages_to_bytes(_cached_pages_max);
+  // Read one after the other, while others may cache, take and reset: the marks are those of this moment too.
+  const unsigned long cached = _cached_pages;
+  stats->cached_bytes = pages_to_bytes(cached);
+  stats->cached_low_bytes = pages_to_bytes(std::min<unsigned long>(_cached_pages_min, cached));
+  stats->cached_high_bytes = pages_to_bytes(std::max<unsigned long>(_cached_pages_max, cached));
   stats->cache_hits = _lookup_hits;
   stats->cache_misses = _lookup_misses;
   stats->cache_partial_flushes = _partial_flushes;

@@ -13,9 +13,8 @@ namespace oxpliv {
 //
 // Owns:      the lists; they and their array count as internal usage. The list of the largest size is left alone when
 //            the cache goes.
-// Locking:   _mutex guards everything (the counters may be read without it: each is exact, and cached pages that are
-//            read first lie between watermarks that are read later); it is taken before the page manager's mutex and
-//            before an account's. It is held for so short a time that waiting for it pays more than sleeping.
+// Locking:   _mutex guards everything (each counter may be read without it); it is taken before the page manager's mutex
+//            and before an account's. It is held for so short a time that waiting for it pays more than sleeping.
 // Invariant: _cached_pages is the sum over all lists of entries x size, except inside a flush.
 class VMEM_PerSizeListPageCache : public VMEM_PageCache {
  public:
