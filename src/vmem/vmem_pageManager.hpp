@@ -158,8 +158,11 @@ inline VMEM_PageInfo* VMEM_PageManager::allocated_block(long vpage, int pages) c
     die("Calling validate_allocated_block on premapped region");
   }
   VMEM_PageInfo* const record = get_vmem_page_info(vpage);
-  const bool valid = record != nullptr && record->is_base_page() && !record->is_free() && record->block_size() == pages;
-  return valid ? record : nullptr;
+  if (record == nullptr || record->is_free()) {
+    return nullptr;
+  }
+  const int size = record->block_size();  // at least 1 on the first record only
+  return size == pages && size >= 1 ? record : nullptr;
 }
 
 }  // namespace oxpliv

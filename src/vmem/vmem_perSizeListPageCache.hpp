@@ -16,7 +16,7 @@ namespace oxpliv {
 // Locking:   _mutex guards everything (each counter may be read without it); it is taken before the page manager's mutex
 //            and before an account's. It is held for so short a time that waiting for it pays more than sleeping.
 // Invariant: _cached_pages is the sum over all lists of entries x size, except inside a flush.
-class VMEM_PerSizeListPageCache : public VMEM_PageCache {
+class VMEM_PerSizeListPageCache final : public VMEM_PageCache {
  public:
   VMEM_PerSizeListPageCache(VMEM_PageManager* page_manager, int account);
   ~VMEM_PerSizeListPageCache() override;

@@ -12,7 +12,6 @@
 #include "utils/internalMemoryUsage.hpp"
 #include "utils/log.hpp"
 #include "utils/reportAndDie.hpp"
-#include "vmem/vmem_perSizeListPageCache.hpp"
 
 namespace oxpliv {
 

@@ -2,8 +2,8 @@
 
 #include <atomic>
 
-#include "vmem/vmem_pageCache.hpp"
 #include "vmem/vmem_pageManager.hpp"
+#include "vmem/vmem_perSizeListPageCache.hpp"
 
 namespace oxpliv {
 
@@ -104,7 +104,7 @@ class VMEM_SpaceManager {
   char* _populate_cursor = nullptr;
   bool _map_all_aliases = false;
   VMEM_PageManager _page_manager;
-  VMEM_PageCache* _cache = nullptr;
+  VMEM_PerSizeListPageCache* _cache = nullptr;  // by its own type: blocks on their way call it directly
   Alias _aliases[kMaxAliases]{};
 };
 
