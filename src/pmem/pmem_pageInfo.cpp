@@ -131,7 +131,9 @@ long PMEM_PageInfo::expand_and_mark_free(unsigned long num_pages, bool prefund) 
 long PMEM_PageInfo::unlock() {
   switch (_lock.unlock()) {
     case ByteLock::Unlock::Done:
-      note_change_if_linked();
+      if (is_funded()) {  // without memory it is of no use to anybody, locked or not
+        note_change_if_linked();
+      }
       break;
     case ByteLock::Unlock::NotLocked:
       die("Attempting to unlock PMEM PageInfo that was not locked");

@@ -77,8 +77,9 @@ class PMEM_PageInfo {
   // The first page from this one on that may have memory. Exact below AtomicBitmap::kBits pages, every page beyond.
   static long next_funded(long page);
 
-  // Counts up when a linked record (one with a next) becomes Free, gets memory or is unlocked: what a list learnt about
-  // its records while the count stood still holds. The last record of a list has no next, and is to be looked at anew.
+  // Counts up when a linked record (one with a next) becomes Free, gets memory, or is unlocked while it has some: what a
+  // list learnt about its records while the count stood still holds. The last record of a list has no next, and is to be
+  // looked at anew.
   static unsigned long linked_changes() { return _linked_changes.acquire(); }
 
   // Unchecked; for building the table, prefunding and growth.
