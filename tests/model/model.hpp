@@ -44,7 +44,7 @@ const std::vector<Constant>& constants();
 
 // Sizes of the library's own objects, learnt from the library once.
 struct ObjectSizes {
-  uint64_t at_start = 0;  // what counts before anything is made
+  uint64_t at_start = 0;    // what counts before anything is made
   uint64_t range_node = 0;  // of a list of ranges
   uint64_t space = 0;
   uint64_t allocator = 0;
