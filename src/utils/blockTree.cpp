@@ -25,12 +25,12 @@ unsigned long greatest(unsigned long own, const unsigned long (&below)[2]) {
 // Notes what the child on a side reaches: whether that was known already.
 bool BlockTree::Node::learn(int side) {
   const Node* const below = child[side];
-  if (below == nullptr) {
-    return store(greatest_size[side], 0) & store(greatest_start[side], 0) & store(greatest_end[side], 0);
-  }
-  return store(greatest_size[side], greatest(below->block.size(), below->greatest_size)) &
-         store(greatest_start[side], greatest(below->block.start(), below->greatest_start)) &
-         store(greatest_end[side], greatest(below->block.end(), below->greatest_end));
+  const bool empty = below == nullptr;
+  const bool knew_size = store(greatest_size[side], empty ? 0 : greatest(below->block.size(), below->greatest_size));
+  const bool knew_start =
+      store(greatest_start[side], empty ? 0 : greatest(below->block.start(), below->greatest_start));
+  const bool knew_end = store(greatest_end[side], empty ? 0 : greatest(below->block.end(), below->greatest_end));
+  return knew_size && knew_start && knew_end;
 }
 
 BlockTree::~BlockTree() {
