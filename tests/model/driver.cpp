@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,13 +79,25 @@ Driver::~Driver() {
   close(_stderr);
 }
 
+namespace {
+
+// How a child ended. The fuzzer's own timer may interrupt the waiting.
+int status_of(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+  }
+  return status;
+}
+
+}  // namespace
+
 void Driver::learn_sizes() {
   const pid_t child = fork();
   if (child == 0) {
     _shared->sizes = learn_object_sizes();
     _exit(0);
   }
-  waitpid(child, nullptr, 0);
+  status_of(child);
 }
 
 void Driver::play(const Sequence& sequence, bool with_script) {
@@ -193,8 +206,7 @@ Outcome Driver::run(const Sequence& sequence, bool with_script) {
   if (child == 0) {
     play(sequence, with_script);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
+  const int status = status_of(child);
   Outcome outcome = judge(status);
   _totals.calls = _shared->calls_of;
   _totals.failures = _shared->failures_of;
