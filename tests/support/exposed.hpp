@@ -5,6 +5,7 @@
 //
 //   OXTEST_EXPOSE(PMEM_Account, funded_pages);
 //   account.*exposed(PMEM_Account_funded_pages{})     // a static member: *exposed(...)
+//   OXTEST_EXPOSE_CONSTANT(BlockTree, kMaxChain);       // a constant, whose name has no underscore
 namespace oxtest {
 
 template <auto Member, typename Tag>
@@ -14,8 +15,10 @@ struct ExposedMember {
 
 }  // namespace oxtest
 
-#define OXTEST_EXPOSE(Class, member)                 \
-  struct Class##_##member {                          \
-    friend constexpr auto exposed(Class##_##member); \
-  };                                                 \
-  template struct ExposedMember<&oxpliv::Class::_##member, Class##_##member>
+#define OXTEST_EXPOSE_AS(Name, Member)   \
+  struct Name {                          \
+    friend constexpr auto exposed(Name); \
+  };                                     \
+  template struct ExposedMember<Member, Name>
+#define OXTEST_EXPOSE(Class, member) OXTEST_EXPOSE_AS(Class##_##member, &oxpliv::Class::_##member)
+#define OXTEST_EXPOSE_CONSTANT(Class, constant) OXTEST_EXPOSE_AS(Class##_##constant, &oxpliv::Class::constant)

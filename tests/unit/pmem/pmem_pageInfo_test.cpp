@@ -26,14 +26,8 @@
 namespace oxtest {
 
 // How many records a table page has, and how many table pages have an entry that can tell their zone.
-struct RecordsOfATablePage {
-  friend constexpr auto exposed(RecordsOfATablePage);
-};
-template struct ExposedMember<&oxpliv::PMEM_PageInfo::kTablePage, RecordsOfATablePage>;
-struct TablePages {
-  friend constexpr auto exposed(TablePages);
-};
-template struct ExposedMember<&oxpliv::PMEM_PageInfo::kTablePages, TablePages>;
+OXTEST_EXPOSE_CONSTANT(PMEM_PageInfo, kTablePage);
+OXTEST_EXPOSE_CONSTANT(PMEM_PageInfo, kTablePages);
 
 }  // namespace oxtest
 
@@ -304,7 +298,7 @@ TEST_F(PageInfoTest, ExpandBothWays_NativePageNoMultipleOfTheRecord_IsFatalWitho
 
 class ZonesTest : public PageInfoTest {
  protected:
-  static constexpr unsigned long kTablePage = *exposed(oxtest::RecordsOfATablePage{});
+  static constexpr unsigned long kTablePage = *exposed(oxtest::PMEM_PageInfo_kTablePage{});
   static constexpr unsigned long kPages = 5 * kTablePage + 40;  // and a part of a table page
 
   static void build(unsigned long pages = kPages) { ASSERT_EQ(PMEM_PageInfo::initialize(pages, false), 0); }
@@ -515,7 +509,7 @@ TEST_F(ZonesTest, Initialize_AfterZonesWereLaid_ForgetsThem) {
 }
 
 TEST_F(ZonesTest, GiveToZone_BehindTheLastTablePageWithAnEntry_IsToldByTheRecords) {
-  constexpr unsigned long kEnd = *exposed(oxtest::TablePages{}) * kTablePage;
+  constexpr unsigned long kEnd = *exposed(oxtest::PMEM_PageInfo_kTablePages{}) * kTablePage;
   build(kEnd + 2 * kTablePage);
   const unsigned long first = kEnd - kTablePage - 1;
   const unsigned long count = 2 * kTablePage + 6;

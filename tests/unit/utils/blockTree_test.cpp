@@ -22,16 +22,8 @@ OXTEST_EXPOSE(BlockTree, root);
 OXTEST_EXPOSE(BlockTree, count);
 OXTEST_EXPOSE(BlockTree, has_tree);
 OXTEST_EXPOSE(BlockTree, in_order);
-
-// Constants, whose names have no underscore.
-struct LongestChain {
-  friend constexpr auto exposed(LongestChain);
-};
-template struct ExposedMember<&oxpliv::BlockTree::kMaxChain, LongestChain>;
-struct ShortestTree {
-  friend constexpr auto exposed(ShortestTree);
-};
-template struct ExposedMember<&oxpliv::BlockTree::kMinTree, ShortestTree>;
+OXTEST_EXPOSE_CONSTANT(BlockTree, kMaxChain);
+OXTEST_EXPOSE_CONSTANT(BlockTree, kMinTree);
 
 }  // namespace oxtest
 
@@ -41,8 +33,8 @@ using namespace oxpliv;
 using oxtest::Call;
 using oxtest::Faults;
 
-constexpr unsigned long kMaxChain = *exposed(oxtest::LongestChain{});
-constexpr unsigned long kMinTree = *exposed(oxtest::ShortestTree{});
+constexpr unsigned long kMaxChain = *exposed(oxtest::BlockTree_kMaxChain{});
+constexpr unsigned long kMinTree = *exposed(oxtest::BlockTree_kMinTree{});
 constexpr int kFront = 0;
 constexpr int kBehind = 1;
 
