@@ -629,6 +629,15 @@ TEST_F(PageQueueSearchTest, PageThatBecameTheLast_FundedInPlace_IsFound) {
   EXPECT_EQ(got, 11);
 }
 
+TEST_F(PageQueueSearchTest, PageMarkedFreeInPlaceWithoutALock_IsFound) {
+  add(10, "NNN");
+  long got = 0;
+  EXPECT_EQ(queue.allocate_funded_page(got), -1);
+  record(11)->mark_free();
+  EXPECT_EQ(queue.allocate_funded_page(got), 0);
+  EXPECT_EQ(got, 11);
+}
+
 TEST_F(PageQueueSearchTest, LockedPagePassedOver_IsUncommittedOnceUnlocked) {
   add(10, "FNF");
   record(10)->lock();
