@@ -137,7 +137,7 @@ void punch_and_commit(int file, const Resize& resize) {
 }
 
 struct Times {
-  double library = 0;
+  double ours = 0;
   double bare_calls = 0;
 };
 
@@ -157,7 +157,7 @@ Times measure_rounds(const Resize& resize) {
     shrink_and_grow(resize);
     const double middle = processor_seconds();
     punch_and_commit(file, resize);
-    times.library += (middle - start) / rounds;
+    times.ours += (middle - start) / rounds;
     times.bare_calls += (processor_seconds() - middle) / rounds;
   }
   return times;
@@ -167,7 +167,7 @@ void add_resize(const std::string& name, const Resize& resize) {
   const std::string prefix = "resize/" + name + "/" + std::to_string(resize.front_pages) + "/";
   const SharedResult<Times> shared([resize] { return in_child([resize] { return measure_rounds(resize); }); });
   shared.add_subject(prefix + "oxpliv",
-                     [](benchmark::State& state, const Times& times) { state.SetIterationTime(times.library); });
+                     [](benchmark::State& state, const Times& times) { state.SetIterationTime(times.ours); });
   if (resize.real_calls) {
     shared.add_subject(prefix + "fallocate",
                        [](benchmark::State& state, const Times& times) { state.SetIterationTime(times.bare_calls); });
