@@ -177,7 +177,7 @@ void Runtime::resize(uint64_t used_pages, uint64_t wanted) {
   if (fund < goal) {
     const uint64_t grown = _memory.grow(goal - fund);
     const uint64_t touched = Memory::touch_recommitted();
-    log("            committed %luM more, for a heap of %luM; %lu pages touched ahead", mib_of(grown),
+    log("            committed %luM more, for a heap of %luM; touched %lu pages of the views ahead", mib_of(grown),
         mib_of(_memory.heap_fund_pages()), touched);
   } else if (fund - goal > fund / 8) {
     const uint64_t held = Memory::bytes_in_backing_file();

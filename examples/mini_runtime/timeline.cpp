@@ -9,11 +9,12 @@
 namespace mini {
 namespace {
 
-constexpr double kBetweenSamples = 0.01;  // seconds
+constexpr size_t kMostSamples = 8192;
 constexpr int kLeft = 70;
 constexpr int kWidth = 860;
 constexpr int kChartTop = 70;
-constexpr int kChartHeight = 280;
+constexpr int kChartHeight = 270;
+constexpr int kPausesHeight = 14;
 constexpr int kMapTop = 410;
 constexpr int kMapHeight = 280;
 constexpr size_t kColumns = 215;
@@ -29,7 +30,7 @@ constexpr const char* kColours[] = {"#ffffff", kCommitted, kUsed, "#5a3d8a"};  /
 class Picture {
  public:
   Picture(const std::vector<Sample>& samples, const std::vector<Collection>& collections)
-      : _samples(samples), _collections(collections), _end(std::max(samples.back().at, 1e-3)) {
+      : _samples(samples), _collections(collections), _end(std::max(samples.back().at * 1.02, 1e-3)) {
     for (const Sample& sample : samples) {
       _most_pages = std::max(_most_pages, std::max(sample.committed_pages, sample.used_pages));
     }
@@ -43,19 +44,19 @@ class Picture {
     legend(44, {{kUsed, "in use"},
                 {kCached, "cached, ready for reuse"},
                 {kCommitted, "committed"},
-                {kCollection, "a collection, as wide as its pause"}});
+                {kCollection, "pauses for collections"}});
     area(kCommitted, [](const Sample& sample) { return sample.committed_pages; });
     area(kCached, [](const Sample& sample) { return sample.used_pages + sample.cached_pages; });
     area(kUsed, [](const Sample& sample) { return sample.used_pages; });
     for (const Collection& collection : _collections) {
       const double width = std::max(x(collection.began_at + collection.pause_ms / 1000) - x(collection.began_at), 0.7);
-      rectangle(x(collection.began_at), kChartTop, width, kChartHeight, kCollection, " fill-opacity='0.55'");
+      rectangle(x(collection.began_at), kChartTop + kChartHeight, width, kPausesHeight, kCollection);
     }
     axes();
-    legend(kMapTop - 14, {{kColours[2], "small objects"},
+    legend(kMapTop - 22, {{kColours[2], "small objects"},
                           {kColours[3], "large objects"},
                           {kColours[1], "committed, not in use"},
-                          {kColours[0], "not committed"}});
+                          {kColours[0], "not committed, or given back"}});
     pages();
     _out << "</svg>\n";
     return _out.str();
@@ -108,31 +109,41 @@ class Picture {
     text(kLeft + kWidth / 2.0, kMapTop + kMapHeight + 40, "time", "middle");
   }
 
-  // A column for each moment, a row for each page (or for as many as have to share one: the most frequent state counts).
+  // A column for each moment, a row for each page that was ever committed (or for as many as have to share one: the most
+  // frequent state counts).
   void pages() {
-    const size_t count = _samples.back().pages.size();
-    const size_t rows = std::min(count, kRows);
+    const std::vector<size_t> shown = ever_committed();
+    const size_t rows = std::min(shown.size(), kRows);
     const double width = static_cast<double>(kWidth) / kColumns;
     const double height = static_cast<double>(kMapHeight) / static_cast<double>(rows);
     for (size_t column = 0; column < kColumns; ++column) {
       const std::vector<PageState>& pages = sample_at(_end * static_cast<double>(column + 1) / kColumns).pages;
+      const auto state_of = [&](size_t row) {
+        return most_frequent(pages, shown, row * shown.size() / rows, (row + 1) * shown.size() / rows);
+      };
       for (size_t row = 0, next = 0; row < rows; row = next) {
-        const PageState state = most_frequent(pages, row * count / rows, (row + 1) * count / rows);
-        for (next = row + 1; next < rows; ++next) {
-          if (most_frequent(pages, next * count / rows, (next + 1) * count / rows) != state) {
-            break;
-          }
+        for (next = row + 1; next < rows && state_of(next) == state_of(row);) {
+          ++next;
         }
-        if (state != PageState::kNotCommitted) {
-          rectangle(kLeft + static_cast<double>(column) * width, kMapTop + static_cast<double>(row) * height,
-                    width + 0.2, static_cast<double>(next - row) * height, kColours[static_cast<size_t>(state)]);
-        }
+        rectangle(kLeft + static_cast<double>(column) * width, kMapTop + static_cast<double>(row) * height, width + 0.2,
+                  static_cast<double>(next - row) * height, kColours[static_cast<size_t>(state_of(row))]);
       }
     }
-    text(kLeft - 8, kMapTop + 10, "page 0", "end");
-    text(kLeft - 8, kMapTop + kMapHeight, "page " + std::to_string(count - 1), "end");
+    text(kLeft - 8, kMapTop + 10, "page " + std::to_string(shown.front()), "end");
+    text(kLeft - 8, kMapTop + kMapHeight, "page " + std::to_string(shown.back()), "end");
     _out << "<rect x='" << kLeft << "' y='" << kMapTop << "' width='" << kWidth << "' height='" << kMapHeight
          << "' fill='none' stroke='#888888'/>\n";
+  }
+
+  std::vector<size_t> ever_committed() const {
+    std::vector<size_t> result;
+    for (size_t page = 0; page < _samples.back().pages.size(); ++page) {
+      if (std::any_of(_samples.begin(), _samples.end(),
+                      [page](const Sample& sample) { return sample.pages[page] != PageState::kNotCommitted; })) {
+        result.push_back(page);
+      }
+    }
+    return result;
   }
 
   const Sample& sample_at(double seconds) const {
@@ -141,10 +152,11 @@ class Picture {
     return after == _samples.begin() ? *after : *(after - 1);
   }
 
-  static PageState most_frequent(const std::vector<PageState>& pages, size_t first, size_t end) {
+  static PageState most_frequent(const std::vector<PageState>& pages, const std::vector<size_t>& shown, size_t first,
+                                 size_t end) {
     std::array<size_t, std::size(kColours)> counts{};
-    for (size_t page = first; page < end; ++page) {
-      ++counts[static_cast<size_t>(pages[page])];
+    for (size_t i = first; i < end; ++i) {
+      ++counts[static_cast<size_t>(pages[shown[i]])];
     }
     return static_cast<PageState>(std::max_element(counts.begin(), counts.end()) - counts.begin());
   }
@@ -167,7 +179,7 @@ bool Timeline::wants(bool due) {
   if (!_recording || (!due && now() < _next_sample)) {
     return false;
   }
-  _next_sample = now() + kBetweenSamples;
+  _next_sample = now() + _between_samples;
   return true;
 }
 
@@ -177,6 +189,11 @@ void Timeline::add(Sample sample) {
   const auto place = std::upper_bound(_samples.begin(), _samples.end(), sample.at,
                                       [](double at, const Sample& other) { return at < other.at; });
   _samples.insert(place, std::move(sample));
+  if (_samples.size() > kMostSamples) {  // a long run is seen from farther away
+    _between_samples *= 2;
+    bool odd = false;
+    std::erase_if(_samples, [&odd](const Sample&) { return odd = !odd; });
+  }
 }
 
 void Timeline::add(const Collection& collection) {

@@ -42,6 +42,7 @@ class Timeline {
   mutable std::mutex _mutex;
   std::vector<Sample> _samples;
   std::vector<Collection> _collections;
+  double _between_samples = 0.001;  // seconds
   double _next_sample = 0;
 };
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "../object.hpp"
+#include "mini_runtime/object.hpp"
 #include "progress.hpp"
 #include "team.hpp"
 

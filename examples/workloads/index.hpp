@@ -17,7 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "../object.hpp"
+#include "mini_runtime/object.hpp"
 #include "progress.hpp"
 #include "team.hpp"
 
