@@ -66,13 +66,13 @@ class Collector {
   void fix_reference(Object*& reference);
   void release(const std::function<uint64_t(uint64_t)>& keep_cached);
 
-  // Whether objects of one region refer into another: a bit for each pair.
-  uint64_t* incoming(uint64_t region) { return &_incoming[region * _row_words]; }
+  // Which regions have objects that refer into this one: a bit for each.
+  uint64_t* incoming(uint64_t region) { return _incoming + region * _row_words; }
 
   Heap& _heap;
   Memory& _memory;
   const uint64_t _row_words;
-  std::vector<uint64_t> _incoming;
+  LazyWords _incoming;
   std::vector<Object*> _to_scan;
   std::vector<uint64_t> _chosen;   // regions to evacuate
   std::vector<uint64_t> _targets;  // regions that they go to

@@ -16,7 +16,6 @@ namespace {
 constexpr int kMapAllAliases = 1;
 constexpr int kCacheFreedBlocks = 2;
 constexpr int kAlsoLargerBlocks = 1;
-constexpr int kForASpace = 0x8000000;  // not for fixed addresses
 
 // Naming the reserve when a block is freed keeps it out of the cache, which is for the heap's account alone. It changes
 // nothing else: the account that paid is known to the library.
@@ -28,7 +27,9 @@ std::atomic<Heap*> heaps[32];
 }  // namespace
 
 // The space is twice as large as its memory: addresses cost nothing, and blocks fit between what is in use.
-Heap::Heap(Memory& memory) : _memory(memory), _regions(2 * memory.maximum_pages()) {
+Heap::Heap(Memory& memory)
+    : _memory(memory), _regions(2 * memory.maximum_pages()), _marks(_regions.size() * kMarkWords) {
+  const std::lock_guard lock(memory.collecting());
   const uint64_t size = bytes_of(regions());
   _space = ox_register_space_pliv(size, bytes_of(memory.premapped_pages()), size, kMapAllAliases | kCacheFreedBlocks);
   if (_space == -1 || ox_register_pzone_for_space_pliv(_space, memory.singles_zone()) != 0 ||
@@ -36,27 +37,21 @@ Heap::Heap(Memory& memory) : _memory(memory), _regions(2 * memory.maximum_pages(
     fail("registering the heap's space");
   }
   for (const int view : {kMutators, kCollector, kInspector}) {
-    char* const base = find_room(size);
+    char* const base = reserve_view(size);
     const int protection = view == kInspector ? PROT_READ : PROT_READ | PROT_WRITE;
-    if (ox_mreserve_pliv(base, size, kForASpace) != 0 ||
-        ox_register_alias_for_space_pliv(_space, base, protection, kAlsoLargerBlocks) != view) {
+    if (ox_register_alias_for_space_pliv(_space, base, protection, kAlsoLargerBlocks) != view) {
       fail("registering a view of the heap");
     }
     _base[view] = as_number(base);
     _distance[view] = _base[view] - _base[kMutators];
   }
-  void* const marks = mmap(nullptr, regions() * kMarkWords * sizeof(uint64_t), PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (marks == MAP_FAILED) {
-    fail("mapping the marks");
-  }
-  _marks = static_cast<uint64_t*>(marks);
   heaps[_space] = this;
   explain_faults(explain_access);
 }
 
 // Blocks outlive their space, so they are given up before it.
 Heap::~Heap() {
+  const std::lock_guard lock(_memory.collecting());
   heaps[_space] = nullptr;
   for (uint64_t i = 0; i < regions(); ++i) {
     if (_regions[i].use == Region::Use::kSmall || _regions[i].use == Region::Use::kLarge) {
@@ -65,7 +60,6 @@ Heap::~Heap() {
   }
   recycle(cached_pages());
   ox_unregister_space_pliv(_space);
-  munmap(_marks, regions() * kMarkWords * sizeof(uint64_t));
 }
 
 // A block that can't be shown at all views is put into the cache as it is, and the next block of its size would be that

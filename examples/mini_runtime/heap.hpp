@@ -118,7 +118,7 @@ class Heap {
   uint64_t _distance[kViews] = {};
   std::mutex _mutex;
   std::vector<Region> _regions;
-  uint64_t* _marks = nullptr;  // a mapping: only the marks of used regions take memory
+  LazyWords _marks;
 };
 
 template <typename Visit>

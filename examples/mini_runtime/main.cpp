@@ -149,6 +149,7 @@ int run(Options& options, const std::string& title, Workload workload) {
                  mini::mib_of(runtime.heap().used_pages()), mini::mib_of(memory.maximum_pages()));
     const mini::HeapReport left = runtime.verify();
     std::fprintf(stderr, "mini_runtime: the heap is valid, %" PRIu64 " objects of it in use\n", left.objects);
+    runtime.collect("after running out");
     status = kOutOfMemory;
   }
   report(runtime);
@@ -191,6 +192,11 @@ int main(int count, char** words) {
   index_command->add_option("PATH", options.paths, "Files and directories")->required()->check(CLI::ExistingPath);
   CLI::App* const lru_command = app.add_subcommand("lru", "A cache under churn, with large objects");
   lru_command->add_option("SECONDS", options.seconds, "How long")->required()->check(CLI::PositiveNumber);
+  app.parse_complete_callback([&options] {
+    if (options.initial_bytes > options.maximum_bytes) {
+      throw CLI::ValidationError("--initial", "is more than --max");
+    }
+  });
   CLI11_PARSE(app, count, words);
 
   try {

@@ -61,13 +61,36 @@ void broken(const char* format, ...) {
   std::abort();
 }
 
-char* find_room(uint64_t bytes) {
-  void* const probe = mmap(nullptr, bytes + kPageBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (probe == MAP_FAILED) {
-    fail("finding room for the heap");
+// A range that the system gave once, and that is free again, is a hint that it will follow, unless another thread is
+// faster.
+char* reserve_view(uint64_t bytes) {
+  constexpr int kTries = 16;
+  constexpr int kForASpace = 0x8000000;  // not for fixed addresses
+  for (int i = 0; i < kTries; ++i) {
+    const uint64_t length = bytes + kPageBytes;
+    void* const probe = mmap(nullptr, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (probe == MAP_FAILED) {
+      break;
+    }
+    munmap(probe, length);
+    char* const address = reinterpret_cast<char*>(bytes_of(pages_for(reinterpret_cast<uint64_t>(probe))));
+    if (ox_mreserve_pliv(address, bytes, kForASpace) == 0) {
+      return address;
+    }
   }
-  munmap(probe, bytes + kPageBytes);
-  return reinterpret_cast<char*>(bytes_of(pages_for(reinterpret_cast<uint64_t>(probe))));
+  fail("reserving a view of the heap");
+}
+
+LazyWords::LazyWords(uint64_t count) : _bytes(count * sizeof(uint64_t)) {
+  void* const words = mmap(nullptr, _bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (words == MAP_FAILED) {
+    fail("mapping a table");
+  }
+  _words = static_cast<uint64_t*>(words);
+}
+
+LazyWords::~LazyWords() {
+  munmap(_words, _bytes);
 }
 
 Memory::Memory(const MemoryOptions& options)

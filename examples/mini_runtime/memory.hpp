@@ -76,7 +76,8 @@ class Memory {
   // Returns the touches. No view may be sealed meanwhile.
   static uint64_t touch_recommitted();
 
-  // Held during a collection and while the memory is resized: a collection seals views that the other may touch.
+  // Held during a collection and while the memory is resized, since a collection seals views that the other may touch;
+  // and while heaps come and go, since the accounts are read with all of them.
   std::mutex& collecting() { return _collecting; }
 
   // What the system really gave, in words, and what it holds for us now: its own figures.
@@ -97,8 +98,24 @@ class Memory {
   std::mutex _collecting;
 };
 
-// An address range of so many bytes that the system has free: a hint, to be reserved before other threads map memory.
-char* find_room(uint64_t bytes);
+// Reserves so many bytes of address space for a view of a space.
+char* reserve_view(uint64_t bytes);
+
+// Words that are 0 until they are written to, and take no memory before.
+class LazyWords {
+ public:
+  explicit LazyWords(uint64_t count);
+  ~LazyWords();
+  LazyWords(const LazyWords&) = delete;
+  LazyWords& operator=(const LazyWords&) = delete;
+
+  uint64_t* operator+(uint64_t index) const { return _words + index; }
+  uint64_t& operator[](uint64_t index) const { return _words[index]; }
+
+ private:
+  uint64_t* _words;
+  const uint64_t _bytes;
+};
 
 // Throws std::system_error with errno, telling what failed.
 [[noreturn]] void fail(const std::string& what);

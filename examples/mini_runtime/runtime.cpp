@@ -20,16 +20,16 @@ void Safepoint::leave() {
   _changed.notify_all();
 }
 
-void Safepoint::stop_the_world() {
-  std::unique_lock lock(_mutex);
-  _stopping = true;
-  _changed.wait(lock, [this] { return _running == 0; });
+Safepoint::StoppedWorld::StoppedWorld(Safepoint& safepoint) : _safepoint(safepoint) {
+  std::unique_lock lock(safepoint._mutex);
+  safepoint._stopping = true;
+  safepoint._changed.wait(lock, [&safepoint] { return safepoint._running == 0; });
 }
 
-void Safepoint::resume_the_world() {
-  const std::lock_guard lock(_mutex);
-  _stopping = false;
-  _changed.notify_all();
+Safepoint::StoppedWorld::~StoppedWorld() {
+  const std::lock_guard lock(_safepoint._mutex);
+  _safepoint._stopping = false;
+  _safepoint._changed.notify_all();
 }
 
 // ---- Mutators
@@ -44,10 +44,10 @@ Mutator::~Mutator() {
 
 Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
   poll();
-  const uint64_t size = Object::size_for(references, raw_bytes);
   if (raw_bytes > Object::kLargestRaw) {
-    throw OutOfMemory(size);
+    throw OutOfMemory(raw_bytes);
   }
+  const uint64_t size = Object::size_for(references, raw_bytes);
   if (size >= Heap::kLargeObject) {
     char* const block = take_or_collect(pages_for(size), Region::Use::kLarge, size);
     _runtime.heap().region(_runtime.heap().region_of(block)).top = size;
@@ -68,7 +68,7 @@ char* Mutator::take_or_collect(uint64_t pages, Region::Use use, uint64_t size) {
   for (int collections = 0;;) {
     const unsigned known = _runtime.collections();
     if (char* const block = _runtime.heap().take(pages, use, kHeapAccount)) {
-      _runtime.sample();
+      _runtime.sample_now_and_then();
       return block;
     }
     if (collections == 2) {
@@ -97,13 +97,13 @@ void Mutator::forget_region_unless_in_use() {
 // ---- The runtime
 
 Runtime::Runtime(Memory& memory, const RuntimeOptions& options)
-    : _memory(memory), _heap(memory), _options(options), _timeline(options.record), _collector(_heap, memory) {
+    : _memory(memory), _heap(memory), _options(options), _collector(_heap, memory) {
   if (!memory.initial_pages_committed()) {  // by another heap
     _heap.commit_reserve();
     memory.commit_initial_pages();
   }
   _heap.populate();
-  sample(true);
+  sample();
 }
 
 void Runtime::attach(Mutator& mutator) {
@@ -126,14 +126,14 @@ bool Runtime::collect(const Request& request, unsigned known_collections) {
   if (known_collections != collections()) {
     return false;
   }
-  sample(true);
+  sample();
   const Collection collection = collect_now(request);
   _timeline.add(collection);
   log("[%8.3fs] GC(%u) %s %luM->%luM(%luM) %.3f ms, %lu regions evacuated", collection.began_at, collection.number,
       collection.cause.c_str(), mib_of(collection.pages_before), mib_of(collection.pages_after),
       mib_of(collection.committed_pages), collection.pause_ms, collection.regions_evacuated);
   resize(collection.pages_after, request.wanted_pages);
-  sample(true);
+  sample();
   return true;
 }
 
@@ -141,7 +141,7 @@ Collection Runtime::collect_now(const Request& request) {
   constexpr int kRoundsInNeed = 4;
   const bool in_need = request.urgency == Urgency::kLast;
   Collection collection{.number = _collections++, .cause = request.cause, .began_at = _timeline.now()};
-  _safepoint.stop_the_world();
+  const Safepoint::StoppedWorld stopped(_safepoint);
   std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->retire_region(); });
   collection.pages_before = _heap.used_pages();
   collection.committed_pages = _memory.committed_pages();
@@ -160,7 +160,6 @@ Collection Runtime::collect_now(const Request& request) {
   if (_options.verify && verify_heap(_heap, _mutators) != _collector.live()) {
     broken("after collection %u other objects can be reached than were marked", collection.number);
   }
-  _safepoint.resume_the_world();
   return collection;
 }
 
@@ -191,15 +190,22 @@ void Runtime::resize(uint64_t used_pages, uint64_t wanted) {
 
 HeapReport Runtime::verify() {
   const std::lock_guard lock(_memory.collecting());
-  _safepoint.stop_the_world();
+  const Safepoint::StoppedWorld stopped(_safepoint);
   std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->retire_region(); });
-  const HeapReport report = verify_heap(_heap, _mutators);
-  _safepoint.resume_the_world();
-  return report;
+  return verify_heap(_heap, _mutators);
 }
 
-void Runtime::sample(bool due) {
-  if (_timeline.wants(due)) {
+void Runtime::sample_now_and_then() {
+  if (_options.record && _timeline.is_due()) {
+    const std::unique_lock lock(_memory.collecting(), std::try_to_lock);
+    if (lock.owns_lock()) {
+      sample();
+    }
+  }
+}
+
+void Runtime::sample() {
+  if (_options.record) {
     _timeline.add(Sample{.at = _timeline.now(),
                          .used_pages = _heap.used_pages(),
                          .committed_pages = _memory.committed_pages(),

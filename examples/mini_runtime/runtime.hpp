@@ -63,31 +63,39 @@ class Root {
 // Who runs in managed code, and how everybody is stopped.
 class Safepoint {
  public:
-  class Away;
-
   bool requested() const { return _stopping.load(std::memory_order_relaxed); }
   void enter();  // into managed code; waits while the world is stopped
   void leave();
-  void stop_the_world();  // by one thread at a time, which has left
-  void resume_the_world();
+
+  // While it lives, the thread is out of managed code.
+  class Away {
+   public:
+    explicit Away(Safepoint& safepoint) : _safepoint(safepoint) { safepoint.leave(); }
+    ~Away() { _safepoint.enter(); }
+    Away(const Away&) = delete;
+    Away& operator=(const Away&) = delete;
+
+   private:
+    Safepoint& _safepoint;
+  };
+
+  // While it lives, nobody is in managed code. By one thread at a time, which is out of it itself.
+  class StoppedWorld {
+   public:
+    explicit StoppedWorld(Safepoint& safepoint);
+    ~StoppedWorld();
+    StoppedWorld(const StoppedWorld&) = delete;
+    StoppedWorld& operator=(const StoppedWorld&) = delete;
+
+   private:
+    Safepoint& _safepoint;
+  };
 
  private:
   std::mutex _mutex;
   std::condition_variable _changed;
   std::atomic<bool> _stopping = false;  // a mutator that sees it late is only waited for longer
   int _running = 0;
-};
-
-// While it lives, the thread is out of managed code.
-class Safepoint::Away {
- public:
-  explicit Away(Safepoint& safepoint) : _safepoint(safepoint) { safepoint.leave(); }
-  ~Away() { _safepoint.enter(); }
-  Away(const Away&) = delete;
-  Away& operator=(const Away&) = delete;
-
- private:
-  Safepoint& _safepoint;
 };
 
 // A thread's part in the program: made and ended on that thread.
@@ -173,11 +181,12 @@ class Runtime {
   void attach(Mutator& mutator);
   void detach(Mutator& mutator);
 
-  void sample(bool due = false);  // for the picture, when one is due or this one is
+  void sample_now_and_then();  // for the picture
 
  private:
   Collection collect_now(const Request& request);
   uint64_t goal_for(uint64_t used_pages, uint64_t wanted) const;
+  void sample();
   void resize(uint64_t used_pages, uint64_t wanted);
   void log(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
@@ -225,7 +234,8 @@ auto Mutator::wait_for(Function function) {
 inline Object* Mutator::allocate(uint32_t references, uint64_t raw_bytes) {
   const uint64_t size = Object::size_for(references, raw_bytes);
   const auto room = static_cast<uint64_t>(_limit - _cursor);
-  if (size > room || size >= Heap::kLargeObject || _runtime.safepoint().requested()) {
+  if (raw_bytes >= Heap::kLargeObject || size >= Heap::kLargeObject || size > room ||
+      _runtime.safepoint().requested()) {
     return allocate_slowly(references, raw_bytes);
   }
   char* const address = _cursor;

@@ -174,9 +174,9 @@ double Timeline::now() const {
   return std::chrono::duration<double>(Clock::now() - _start).count();
 }
 
-bool Timeline::wants(bool due) {
+bool Timeline::is_due() {
   const std::lock_guard lock(_mutex);
-  if (!_recording || (!due && now() < _next_sample)) {
+  if (now() < _next_sample) {
     return false;
   }
   _next_sample = now() + _between_samples;

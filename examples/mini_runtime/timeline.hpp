@@ -20,15 +20,13 @@ struct Sample {
   std::vector<PageState> pages;  // by physical page
 };
 
-// Records samples and collections, when a picture is wanted.
+// Samples and collections, for a picture.
 //
 // Threads: any may record.
 class Timeline {
  public:
-  explicit Timeline(bool recording) : _recording(recording) {}
-
-  double now() const;    // seconds
-  bool wants(bool due);  // another sample now, since it is due, or because enough time has passed
+  double now() const;  // seconds
+  bool is_due();       // another sample, as some time has passed
   void add(Sample sample);
   void add(const Collection& collection);
 
@@ -37,7 +35,6 @@ class Timeline {
  private:
   using Clock = std::chrono::steady_clock;
 
-  const bool _recording;
   const Clock::time_point _start = Clock::now();
   mutable std::mutex _mutex;
   std::vector<Sample> _samples;
