@@ -46,14 +46,12 @@ enum class Keep { kCached, kGivenBack };
 // Locking:   take and release lock the table of regions. What is in a region belongs to the mutator that allocates there,
 //            or, while the world is stopped, to the collector.
 // Invariant: a region in use has memory at all three views.
-class Heap {
+class Heap : Pinned {
  public:
   static constexpr uint64_t kLargeObject = kPageBytes / 4;  // from here on an object gets a block of its own
 
   explicit Heap(Memory& memory);
   ~Heap();
-  Heap(const Heap&) = delete;
-  Heap& operator=(const Heap&) = delete;
 
   // Takes a block of so many pages: its address in the mutators' view, or null when there is no memory, or too little of
   // it left to map the block.

@@ -22,6 +22,13 @@ inline constexpr uint64_t kPageBytes = 2 * 1024 * 1024;
 inline constexpr int kHeapAccount = 2;
 inline constexpr int kReserveAccount = 3;
 
+// What others hold the address of.
+struct Pinned {
+  Pinned() = default;
+  Pinned(const Pinned&) = delete;
+  Pinned& operator=(const Pinned&) = delete;
+};
+
 constexpr uint64_t bytes_of(uint64_t pages) {
   return pages * kPageBytes;
 }
@@ -43,7 +50,7 @@ struct MemoryOptions {
 // The library exists once in a process, so this does too.
 //
 // Threads: made by one thread; afterwards any may call.
-class Memory {
+class Memory : Pinned {
  public:
   static constexpr uint64_t kFewestPages = 8;
 
@@ -102,12 +109,10 @@ class Memory {
 char* reserve_view(uint64_t bytes);
 
 // Words that are 0 until they are written to, and take no memory before.
-class LazyWords {
+class LazyWords : Pinned {
  public:
   explicit LazyWords(uint64_t count);
   ~LazyWords();
-  LazyWords(const LazyWords&) = delete;
-  LazyWords& operator=(const LazyWords&) = delete;
 
   uint64_t* operator+(uint64_t index) const { return _words + index; }
   uint64_t& operator[](uint64_t index) const { return _words[index]; }

@@ -134,13 +134,14 @@ bool Runtime::collect(const Request& request, unsigned known_collections) {
       mib_of(collection.committed_pages), collection.pause_ms, collection.regions_evacuated);
   resize(collection.pages_after, request.wanted_pages);
   sample();
+  ++_collections;
   return true;
 }
 
 Collection Runtime::collect_now(const Request& request) {
   constexpr int kRoundsInNeed = 4;
   const bool in_need = request.urgency == Urgency::kLast;
-  Collection collection{.number = _collections++, .cause = request.cause, .began_at = _timeline.now()};
+  Collection collection{.number = _collections, .cause = request.cause, .began_at = _timeline.now()};
   const Safepoint::StoppedWorld stopped(_safepoint);
   std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->retire_region(); });
   collection.pages_before = _heap.used_pages();

@@ -38,12 +38,10 @@ class OutOfMemory : public std::bad_alloc {
 };
 
 // A reference that the collector knows and keeps right. Roots of a thread end in the reverse order of their beginning.
-class Root {
+class Root : Pinned {
  public:
   explicit Root(Mutator& mutator, Object* object = nullptr);
   ~Root();
-  Root(const Root&) = delete;
-  Root& operator=(const Root&) = delete;
   Root& operator=(Object* object) {
     _object = object;
     return *this;
@@ -61,31 +59,27 @@ class Root {
 };
 
 // Who runs in managed code, and how everybody is stopped.
-class Safepoint {
+class Safepoint : Pinned {
  public:
   bool requested() const { return _stopping.load(std::memory_order_relaxed); }
   void enter();  // into managed code; waits while the world is stopped
   void leave();
 
   // While it lives, the thread is out of managed code.
-  class Away {
+  class Away : Pinned {
    public:
     explicit Away(Safepoint& safepoint) : _safepoint(safepoint) { safepoint.leave(); }
     ~Away() { _safepoint.enter(); }
-    Away(const Away&) = delete;
-    Away& operator=(const Away&) = delete;
 
    private:
     Safepoint& _safepoint;
   };
 
   // While it lives, nobody is in managed code. By one thread at a time, which is out of it itself.
-  class StoppedWorld {
+  class StoppedWorld : Pinned {
    public:
     explicit StoppedWorld(Safepoint& safepoint);
     ~StoppedWorld();
-    StoppedWorld(const StoppedWorld&) = delete;
-    StoppedWorld& operator=(const StoppedWorld&) = delete;
 
    private:
     Safepoint& _safepoint;
@@ -99,15 +93,13 @@ class Safepoint {
 };
 
 // A thread's part in the program: made and ended on that thread.
-class Mutator {
+class Mutator : Pinned {
  public:
   using Root = mini::Root;
   static constexpr bool kFreesByHand = false;
 
   explicit Mutator(Runtime& runtime);
   ~Mutator();
-  Mutator(const Mutator&) = delete;
-  Mutator& operator=(const Mutator&) = delete;
 
   // A new object, all zero. Throws OutOfMemory.
   Object* allocate(uint32_t references, uint64_t raw_bytes);
@@ -145,7 +137,7 @@ struct RuntimeOptions {
 };
 
 // One program's heap, its collector and its mutators.
-class Runtime {
+class Runtime : Pinned {
  public:
   Runtime(Memory& memory, const RuntimeOptions& options);
 
@@ -198,8 +190,7 @@ class Runtime {
   std::mutex _mutators_mutex;
   std::vector<Mutator*> _mutators;
   Collector _collector;
-  std::mutex _collecting;
-  std::atomic<unsigned> _collections = 0;
+  std::atomic<unsigned> _collections = 0;  // completed, and the memory resized after them
 };
 
 // ---- What runs often
