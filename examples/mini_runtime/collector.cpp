@@ -15,7 +15,10 @@ constexpr uint64_t kSparseInNeed = kPageBytes / 8 * 7;
 }  // namespace
 
 Collector::Collector(Heap& heap, Memory& memory)
-    : _heap(heap), _memory(memory), _row_words((heap.regions() + 63) / 64), _incoming(heap.regions() * _row_words) {}
+    : _heap(heap),
+      _memory(memory),
+      _row_words((heap.regions() + 63) / 64),
+      _incoming(lazy_words(heap.regions() * _row_words)) {}
 
 uint64_t Collector::collect(const std::vector<Mutator*>& mutators, bool everything,
                             const std::function<uint64_t(uint64_t)>& keep_cached) {

@@ -67,7 +67,7 @@ class Collector {
   void release(const std::function<uint64_t(uint64_t)>& keep_cached);
 
   // Which regions have objects that refer into this one: a bit for each.
-  uint64_t* incoming(uint64_t region) { return _incoming + region * _row_words; }
+  uint64_t* incoming(uint64_t region) { return &_incoming[region * _row_words]; }
 
   Heap& _heap;
   Memory& _memory;

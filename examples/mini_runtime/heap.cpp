@@ -29,7 +29,7 @@ std::atomic<Heap*> heaps[32];
 
 // The space is twice as large as its memory: addresses cost nothing, and blocks fit between what is in use.
 Heap::Heap(Memory& memory)
-    : _memory(memory), _regions(2 * memory.maximum_pages()), _marks(_regions.size() * kMarkWords) {
+    : _memory(memory), _regions(2 * memory.maximum_pages()), _marks(lazy_words(_regions.size() * kMarkWords)) {
   const std::lock_guard lock(memory.collecting());
   const uint64_t size = bytes_of(regions());
   _space = ox_register_space_pliv(size, bytes_of(memory.premapped_pages()), size, kMapAllAliases | kCacheFreedBlocks);

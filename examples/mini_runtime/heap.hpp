@@ -108,7 +108,7 @@ class Heap : Pinned {
   static uint64_t as_number(const void* address) { return reinterpret_cast<uint64_t>(address); }
   char* allocate(uint64_t pages, int account);
   void free(char* address, uint64_t pages, int account);
-  uint64_t* marks_of(uint64_t region) const { return _marks + region * kMarkWords; }
+  uint64_t* marks_of(uint64_t region) const { return &_marks[region * kMarkWords]; }
 
   Memory& _memory;
   int64_t _space = -1;

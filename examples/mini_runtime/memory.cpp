@@ -81,16 +81,12 @@ char* reserve_view(uint64_t bytes) {
   fail("reserving a view of the heap");
 }
 
-LazyWords::LazyWords(uint64_t count) : _bytes(count * sizeof(uint64_t)) {
-  void* const words = mmap(nullptr, _bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (words == MAP_FAILED) {
-    fail("mapping a table");
+LazyWords lazy_words(uint64_t count) {
+  LazyWords words(static_cast<uint64_t*>(std::calloc(count, sizeof(uint64_t))));
+  if (words == nullptr) {
+    fail("making a table");
   }
-  _words = static_cast<uint64_t*>(words);
-}
-
-LazyWords::~LazyWords() {
-  munmap(_words, _bytes);
+  return words;
 }
 
 Memory::Memory(const MemoryOptions& options)

@@ -13,6 +13,8 @@
 // collection borrows from the reserve, and what it empties pays back the loan, without a word from this program.
 
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -108,19 +110,12 @@ class Memory : Pinned {
 // Reserves so many bytes of address space for a view of a space.
 char* reserve_view(uint64_t bytes);
 
-// Words that are 0 until they are written to, and take no memory before.
-class LazyWords : Pinned {
- public:
-  explicit LazyWords(uint64_t count);
-  ~LazyWords();
-
-  uint64_t* operator+(uint64_t index) const { return _words + index; }
-  uint64_t& operator[](uint64_t index) const { return _words[index]; }
-
- private:
-  uint64_t* _words;
-  const uint64_t _bytes;
+// Words that are 0 until they are written to: large tables of them take memory only then.
+struct Free {
+  void operator()(void* words) const { std::free(words); }
 };
+using LazyWords = std::unique_ptr<uint64_t[], Free>;
+LazyWords lazy_words(uint64_t count);
 
 // Throws std::system_error with errno, telling what failed.
 [[noreturn]] void fail(const std::string& what);
