@@ -22,6 +22,7 @@ using mini::Memory;
 using mini::Runtime;
 
 constexpr int kWrongResult = 1;
+constexpr int kWrongCommandLine = 2;
 constexpr int kOutOfMemory = 3;
 
 struct Options {
@@ -164,15 +165,18 @@ void add_options(CLI::App& app, Options& options) {
   static const std::map<std::string, mini::PageKind> kKinds = {{"small", mini::PageKind::kSmall},
                                                                {"explicit", mini::PageKind::kExplicit},
                                                                {"transparent", mini::PageKind::kTransparent}};
-  app.add_option("--initial", options.initial_bytes, "Memory to begin with, as in 64M")
-      ->transform(CLI::AsSizeValue(false))
+  app.add_option("--initial", options.initial_bytes, "Memory to begin with")
+      ->transform(CLI::AsSizeValue(false).description(""))
+      ->type_name("SIZE")
       ->default_str("64M");
   app.add_option("--max", options.maximum_bytes, "Memory at most")
-      ->transform(CLI::AsSizeValue(false))
+      ->transform(CLI::AsSizeValue(false).description(""))
+      ->type_name("SIZE")
       ->default_str("1G");
   app.add_option("--threads", options.threads, "Mutators")->check(CLI::Range(1, 64))->capture_default_str();
-  app.add_option("--pages", options.memory.pages, "What memory is made of: small, explicit or transparent (huge) pages")
-      ->transform(CLI::CheckedTransformer(kKinds))
+  app.add_option("--pages", options.memory.pages, "Small pages, explicit huge pages or transparent ones")
+      ->transform(CLI::CheckedTransformer(kKinds).description(""))
+      ->type_name("small|explicit|transparent")
       ->default_str("small");
   app.add_flag("--verify", options.runtime.verify, "Look through the whole heap at each collection");
   app.add_option("--svg", options.svg, "File for a picture of the memory over time");
@@ -197,7 +201,11 @@ int main(int count, char** words) {
       throw CLI::ValidationError("--initial", "is more than --max");
     }
   });
-  CLI11_PARSE(app, count, words);
+  try {
+    app.parse(count, words);
+  } catch (const CLI::ParseError& refusal) {
+    return app.exit(refusal) == 0 ? 0 : kWrongCommandLine;
+  }
 
   try {
     if (*trees_command) {
