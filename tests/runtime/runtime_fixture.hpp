@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -57,21 +59,39 @@ inline mini::HeapReport verify(Mutator& mutator, Runtime& runtime) {
 
 // ---- Contents that can be told again: each byte follows from the object's number and its place
 
-inline uint8_t pattern_of(uint64_t number, uint64_t place) {
-  return static_cast<uint8_t>(number * 31 + place * 7 + 1);
-}
+// Where so many bytes of an object with this number stand ready, from `place` in the object on: at most kChunk of them.
+class Pattern {
+ public:
+  static constexpr uint64_t kChunk = 4096;
+
+  static const uint8_t* of(uint64_t number, uint64_t place) {
+    static const Pattern pattern;
+    return &pattern._bytes[(number + place) % kPeriod];
+  }
+
+ private:
+  static constexpr uint64_t kPeriod = 251;  // no power of two: what moves by a page does not look the same
+
+  Pattern() {
+    for (uint64_t i = 0; i < _bytes.size(); ++i) {
+      _bytes[i] = static_cast<uint8_t>(i % kPeriod + 1);
+    }
+  }
+
+  std::array<uint8_t, kPeriod + kChunk> _bytes;
+};
 
 inline void fill(Object* object, uint64_t number) {
-  auto* const bytes = object->raw_as<uint8_t>();
-  for (uint64_t i = 0; i < object->raw_bytes(); ++i) {
-    bytes[i] = pattern_of(number, i);
+  const uint64_t size = object->raw_bytes();
+  for (uint64_t at = 0; at < size; at += Pattern::kChunk) {
+    std::memcpy(object->raw() + at, Pattern::of(number, at), std::min(size - at, Pattern::kChunk));
   }
 }
 
 inline bool holds(Object* object, uint64_t number) {
-  const auto* const bytes = object->raw_as<const uint8_t>();
-  for (uint64_t i = 0; i < object->raw_bytes(); ++i) {
-    if (bytes[i] != pattern_of(number, i)) {
+  const uint64_t size = object->raw_bytes();
+  for (uint64_t at = 0; at < size; at += Pattern::kChunk) {
+    if (std::memcmp(object->raw() + at, Pattern::of(number, at), std::min(size - at, Pattern::kChunk)) != 0) {
       return false;
     }
   }
