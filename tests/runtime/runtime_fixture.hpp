@@ -30,8 +30,10 @@ inline constexpr mini::RuntimeOptions kVerifyAndSayNothing{.verify = true, .log 
 // The thread of a test has no mutator of its own: it may collect and verify, and uses with_thread to work on objects.
 class RuntimeTest : public testing::Test {
  protected:
+  // What dies is a process of its own from its start on: forked, it would share the memory of this one.
+  RuntimeTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
   void start(uint64_t initial_pages = 16, uint64_t maximum_pages = 48) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the library does not live in a forked child
     memory = std::make_unique<Memory>(mini::MemoryOptions{
         .initial_pages = initial_pages, .maximum_pages = maximum_pages, .pages = mini::PageKind::kSmall});
     runtime = std::make_unique<Runtime>(*memory, kVerifyAndSayNothing);
