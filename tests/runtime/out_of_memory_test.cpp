@@ -1,5 +1,6 @@
 // A program that asks for more than there is hears of it, and goes on when it has let go of something.
 
+#include <string>
 #include <thread>
 
 #include "runtime_fixture.hpp"

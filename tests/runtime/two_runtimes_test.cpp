@@ -16,9 +16,9 @@ class TwoRuntimes : public RuntimeTest {
     second = std::make_unique<Runtime>(*memory, kVerifyAndSayNothing);
   }
 
-  // Threads of a program that make, keep and drop objects, small and large.
+  // A thread of a program that makes, keeps and drops objects, small and large.
   static void work(Runtime& program, unsigned rounds) {
-    program.with_thread([&](Mutator& mutator) {
+    EXPECT_NO_THROW(program.with_thread([&](Mutator& mutator) {
       List old(mutator);
       old.add(500, 3);
       for (unsigned round = 0; round < rounds; ++round) {
@@ -28,7 +28,7 @@ class TwoRuntimes : public RuntimeTest {
         EXPECT_TRUE(young.is_right());
         EXPECT_TRUE(old.is_right());
       }
-    });
+    }));
   }
 
   std::unique_ptr<Runtime> first;
