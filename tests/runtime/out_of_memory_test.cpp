@@ -3,6 +3,7 @@
 #include <string>
 #include <thread>
 
+#include "mini_runtime/workloads/trees.hpp"
 #include "runtime_fixture.hpp"
 
 namespace runtime_test {
@@ -117,6 +118,47 @@ TEST_F(OutOfMemoryOf, OneOfTwoThreads_DoesNotHarmTheOther) {
     list.add(nodes_for_regions(20));
     EXPECT_TRUE(list.is_right());
     EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
+  });
+}
+
+// What one thread's collection has freed, others may take before it does.
+TEST_F(OutOfMemoryOf, ThreadsWithLittleInUse_NeverComes) {
+  constexpr int kDepth = 15;  // of the trees, which take less than 4 MiB at any moment
+  start(8, 48);
+  for (const unsigned threads : {2, 4, 2, 4, 2, 4}) {
+    EXPECT_NO_THROW(EXPECT_EQ(workloads::run_trees(*runtime, kDepth, threads).size(), 8u)) << threads;
+  }
+}
+
+TEST_F(OutOfMemoryOf, AnObjectLargerThanTheHeapsAddresses_LeavesAllElseAsItIs) {
+  start(16, 32);
+  runtime->with_thread([&](Mutator& mutator) {
+    List list(mutator);
+    list.add(10);
+    List(mutator).add(nodes_for_regions(8));
+    collect(mutator, *runtime);
+    ASSERT_GT(heap().cached_pages(), 0u);
+    EXPECT_THROW(mutator.allocate(0, mini::bytes_of(heap().regions() + 1)), OutOfMemory);
+    EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
+    EXPECT_TRUE(list.is_right());
+  });
+}
+
+// With next to nothing free, what one round of a last resort has emptied is what the next round copies into.
+TEST_F(OutOfMemoryOf, LastResortThatReusesTheRegionAThreadAllocatedIn_GivesItAnotherOne) {
+  start(24, 24);
+  runtime->with_thread([&](Mutator& mutator) {
+    for (uint64_t regions = 10; regions < memory->maximum_heap_pages(); ++regions) {
+      SCOPED_TRACE(regions);
+      List list(mutator);
+      list.add(nodes_for_regions(regions, 1) + 9, 1);
+      collect_all_that_can_be(mutator, *runtime);
+      list.add(500);
+      ASSERT_TRUE(list.is_right());
+      ASSERT_EQ(verify(mutator, *runtime).objects, list.nodes());
+      list.drop();
+      collect(mutator, *runtime);
+    }
   });
 }
 

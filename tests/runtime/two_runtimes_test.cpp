@@ -1,5 +1,6 @@
 // Two heaps over one memory, as two programs in one process have them.
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -115,6 +116,24 @@ TEST_F(TwoRuntimes, OneThatIsMadeWhileTheOtherWorks_WorksToo) {
   work(*second, 4);
   thread.join();
   EXPECT_EQ(first->verify().objects, 0u);
+}
+
+// A heap that comes or goes changes the library's list of spaces, which a collection in another heap looks through.
+TEST_F(TwoRuntimes, OneThatComesAndGoesWhileTheOtherCollects_DoesNotDisturbIt) {
+  constexpr int kComings = 20;
+  start(16, 48);
+  std::atomic<bool> over = false;
+  std::thread thread([&] {
+    while (!over) {
+      runtime->collect("all the time");
+    }
+  });
+  for (int i = 0; i < kComings; ++i) {
+    const Runtime passing(*memory, kVerifyAndSayNothing);
+  }
+  over = true;
+  thread.join();
+  EXPECT_EQ(runtime->verify().objects, 0u);
 }
 
 }  // namespace
