@@ -3,8 +3,8 @@
 #include <string>
 #include <thread>
 
-#include "mini_runtime/workloads/trees.hpp"
 #include "runtime_fixture.hpp"
+#include "workloads/trees.hpp"
 
 namespace runtime_test {
 namespace {

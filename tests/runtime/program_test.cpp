@@ -138,7 +138,7 @@ class CommandLine : public testing::TestWithParam<Refusal> {};
 
 TEST_P(CommandLine, ThatIsWrong_IsRefusedWithAMessage) {
   const Ended ended = run_program(GetParam().words);
-  EXPECT_GE(ended.status, 100);
+  EXPECT_EQ(ended.status, 2);
   EXPECT_EQ(ended.output, "");
   EXPECT_THAT(ended.errors, HasSubstr(GetParam().message));
 }
@@ -157,7 +157,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Refusal{"MissingPath", {"index", "/nonexistent"}, "Path does not exist: /nonexistent"},
                     Refusal{"NoTime", {"lru", "0"}, "SECONDS"}, Refusal{"NegativeTime", {"lru", "-1"}, "SECONDS"},
                     Refusal{"NoThreads", {"--threads", "0", "trees", "10"}, "Value 0 not in range"},
-                    Refusal{"NoSize", {"--max", "much", "trees", "10"}, "--max"}),
+                    Refusal{"NoSize", {"--max", "much", "trees", "10"}, "--max"},
+                    Refusal{"BeginningAboveTheMaximum",
+                            {"--initial", "64M", "--max", "32M", "trees", "10"},
+                            "--initial: is more than --max"}),
     [](const auto& tested) { return tested.param.name; });
 
 TEST(Help, AskedFor_TellsWorkloadsAndOptions) {
