@@ -3,6 +3,7 @@
 // The program, run as a person runs it.
 
 #include <fcntl.h>
+#include <regex.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -11,7 +12,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -22,13 +22,18 @@ struct Ended {
   std::string output;  // on standard output
   std::string errors;  // on standard error
 
-  // The first number of each line that the pattern finds something in, where the pattern has its first group.
+  // The number in the pattern's group, wherever the pattern is found in the output.
   std::vector<uint64_t> numbers(const std::string& pattern) const {
-    const std::regex expression(pattern);
-    std::vector<uint64_t> found;
-    for (std::sregex_iterator at(output.begin(), output.end(), expression), end; at != end; ++at) {
-      found.push_back(std::stoull((*at)[1]));
+    regex_t expression;
+    if (regcomp(&expression, pattern.c_str(), REG_EXTENDED | REG_NEWLINE) != 0) {
+      std::abort();
     }
+    std::vector<uint64_t> found;
+    regmatch_t matches[2];
+    for (const char* at = output.c_str(); regexec(&expression, at, 2, matches, 0) == 0; at += matches[0].rm_eo) {
+      found.push_back(std::strtoull(at + matches[1].rm_so, nullptr, 10));
+    }
+    regfree(&expression);
     return found;
   }
 };
