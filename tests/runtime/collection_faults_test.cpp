@@ -67,12 +67,12 @@ class Faults : public RuntimeTest {
 };
 
 TEST_F(Faults, AtEachMappingOfTheReserve_CutEvacuationShort) {
-  start(32, 128);
+  start(16, 64);
   constexpr unsigned kViews = mini::kViews;
   runtime->with_thread([&](Mutator& mutator) {
     Regions data(mutator);
     const unsigned faults = fail_each(
-        Call::kMap, ENOMEM, [&] { data.fill(18, 14); }, [&] { collect(mutator, *runtime); },
+        Call::kMap, ENOMEM, [&] { data.fill(9, 8); }, [&] { collect(mutator, *runtime); },
         [&] { check_and_go_on(mutator, data); });
     EXPECT_GE(faults, 2 * kViews);
   });
@@ -100,13 +100,13 @@ TEST_F(Faults, AtAllMappingsOfTheReserveButTheFirst_LeaveRegionsWholeThatWereToB
 }
 
 TEST_F(Faults, AtEachRegionThatIsSealed_LeaveItWhereItIs) {
-  start(32, 128);
+  start(16, 64);
   runtime->with_thread([&](Mutator& mutator) {
     Regions data(mutator);
     const unsigned faults = fail_each(
-        Call::kSeal, ENOMEM, [&] { data.fill(8, 12); }, [&] { collect(mutator, *runtime); },
+        Call::kSeal, ENOMEM, [&] { data.fill(2, 9); }, [&] { collect(mutator, *runtime); },
         [&] { check_and_go_on(mutator, data); });
-    EXPECT_GE(faults, 8u);
+    EXPECT_GE(faults, 6u);
   });
 }
 
@@ -141,7 +141,7 @@ TEST_F(Faults, WhenARegionIsOpenedAgain_EndTheProcess) {
 }
 
 TEST_F(Faults, AtEachCommitWhileTheHeapGrows_MakeItGrowLessOrLater) {
-  start(8, 28);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     const auto begin_small = [&] {
@@ -150,12 +150,12 @@ TEST_F(Faults, AtEachCommitWhileTheHeapGrows_MakeItGrowLessOrLater) {
       EXPECT_EQ(memory->heap_fund_pages(), memory->initial_heap_pages());
     };
     const unsigned faults = fail_each(
-        Call::kCommit, ENOSPC, begin_small, [&] { list.add(nodes_for_regions(16)); },
+        Call::kCommit, ENOSPC, begin_small, [&] { list.add(nodes_for_regions(10)); },
         [&] {
           EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
           EXPECT_TRUE(list.is_right());
         });
-    EXPECT_GE(faults, 10u);
+    EXPECT_GE(faults, 6u);
   });
 }
 
@@ -213,8 +213,8 @@ class Shortages : public Faults, public testing::WithParamInterface<Shortage> {
 };
 
 TEST_P(Shortages, FromAnyMomentOn_EndInOutOfMemoryAndLoseNoPage) {
-  constexpr unsigned kStep = 4;
-  start(8, 32);
+  constexpr unsigned kStep = 5;
+  start(8, 24);
   runtime->with_thread([&](Mutator& mutator) {
     unsigned moment = 0;
     for (bool failed = true; failed && !HasFailure(); moment += kStep) {
@@ -233,7 +233,7 @@ TEST_P(Shortages, FromAnyMomentOn_EndInOutOfMemoryAndLoseNoPage) {
       EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
       EXPECT_TRUE(list.is_right());
     }
-    EXPECT_GE(moment, 4 * kStep);
+    EXPECT_GE(moment, 3 * kStep);
   });
 }
 

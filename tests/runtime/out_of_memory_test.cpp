@@ -23,7 +23,7 @@ std::string exhaust(List& list, uint64_t raw_bytes = List::kRaw) {
 }
 
 TEST_F(OutOfMemoryOf, SmallObjects_IsThrownAndTheHeapIsValid) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     EXPECT_EQ(exhaust(list), "out of memory: no room for an object of 1016 bytes");
@@ -34,9 +34,9 @@ TEST_F(OutOfMemoryOf, SmallObjects_IsThrownAndTheHeapIsValid) {
 }
 
 TEST_F(OutOfMemoryOf, SmallObjects_IsOverWhenRootsAreDropped) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 2; ++round) {
       List list(mutator);
       exhaust(list);
       const uint64_t nodes = list.nodes();
@@ -50,7 +50,7 @@ TEST_F(OutOfMemoryOf, SmallObjects_IsOverWhenRootsAreDropped) {
 }
 
 TEST_F(OutOfMemoryOf, SmallObjectsInSparseRegions_ComesOnlyWhenTheyAreDense) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     try {
@@ -66,7 +66,7 @@ TEST_F(OutOfMemoryOf, SmallObjectsInSparseRegions_ComesOnlyWhenTheyAreDense) {
 }
 
 TEST_F(OutOfMemoryOf, LargeObjects_IsOverWhenOneIsDropped) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     EXPECT_EQ(exhaust(list, 3 * kPageBytes), "out of memory: no room for an object of 6291472 bytes");
@@ -79,12 +79,12 @@ TEST_F(OutOfMemoryOf, LargeObjects_IsOverWhenOneIsDropped) {
 }
 
 TEST_F(OutOfMemoryOf, AnObjectLargerThanTheMaximum_LeavesAllElseAsItIs) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     list.add(nodes_for_regions(4, 3), 3);
-    EXPECT_THROW(mutator.allocate(0, 33 * kPageBytes), OutOfMemory);
-    EXPECT_THROW(mutator.allocate(33 * kPageBytes / 8, 0), OutOfMemory);
+    EXPECT_THROW(mutator.allocate(0, 21 * kPageBytes), OutOfMemory);
+    EXPECT_THROW(mutator.allocate(21 * kPageBytes / 8, 0), OutOfMemory);
     EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
     list.add(nodes_for_regions(4));
     EXPECT_TRUE(list.is_right());
@@ -92,7 +92,7 @@ TEST_F(OutOfMemoryOf, AnObjectLargerThanTheMaximum_LeavesAllElseAsItIs) {
 }
 
 TEST_F(OutOfMemoryOf, AnObjectLargerThanWhatAHeaderCanTell_IsThrown) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     EXPECT_THROW(mutator.allocate(0, Object::kLargestRaw + 1), OutOfMemory);
     EXPECT_THROW(mutator.allocate(0, UINT64_MAX), OutOfMemory);
@@ -101,7 +101,7 @@ TEST_F(OutOfMemoryOf, AnObjectLargerThanWhatAHeaderCanTell_IsThrown) {
 }
 
 TEST_F(OutOfMemoryOf, OneOfTwoThreads_DoesNotHarmTheOther) {
-  start(16, 48);
+  start(8, 32);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     list.add(nodes_for_regions(2, 3), 3);
@@ -115,7 +115,7 @@ TEST_F(OutOfMemoryOf, OneOfTwoThreads_DoesNotHarmTheOther) {
       }).join();
     });
     EXPECT_TRUE(list.is_right());
-    list.add(nodes_for_regions(20));
+    list.add(nodes_for_regions(12));
     EXPECT_TRUE(list.is_right());
     EXPECT_EQ(verify(mutator, *runtime).objects, list.nodes());
   });
@@ -123,15 +123,15 @@ TEST_F(OutOfMemoryOf, OneOfTwoThreads_DoesNotHarmTheOther) {
 
 // What one thread's collection has freed, others may take before it does.
 TEST_F(OutOfMemoryOf, ThreadsWithLittleInUse_NeverComes) {
-  constexpr int kDepth = 15;  // of the trees, which take less than 4 MiB at any moment
+  constexpr int kDepth = 14;  // of the trees, which take less than 4 MiB at any moment
   start(8, 48);
-  for (const unsigned threads : {2, 4, 2, 4, 2, 4}) {
+  for (const unsigned threads : {2, 4, 2, 4}) {
     EXPECT_NO_THROW(EXPECT_EQ(workloads::run_trees(*runtime, kDepth, threads).size(), 8u)) << threads;
   }
 }
 
 TEST_F(OutOfMemoryOf, AnObjectLargerThanTheHeapsAddresses_LeavesAllElseAsItIs) {
-  start(16, 32);
+  start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     List list(mutator);
     list.add(10);
@@ -148,7 +148,7 @@ TEST_F(OutOfMemoryOf, AnObjectLargerThanTheHeapsAddresses_LeavesAllElseAsItIs) {
 TEST_F(OutOfMemoryOf, LastResortThatReusesTheRegionAThreadAllocatedIn_GivesItAnotherOne) {
   start(24, 24);
   runtime->with_thread([&](Mutator& mutator) {
-    for (uint64_t regions = 10; regions < memory->maximum_heap_pages(); ++regions) {
+    for (uint64_t regions = 10; regions < memory->maximum_heap_pages(); regions += 3) {
       SCOPED_TRACE(regions);
       List list(mutator);
       list.add(nodes_for_regions(regions, 1) + 9, 1);

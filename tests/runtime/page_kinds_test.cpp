@@ -14,6 +14,8 @@ using testing::HasSubstr;
 constexpr const char* kShmem = "/sys/kernel/mm/transparent_hugepage/shmem_enabled";
 constexpr const char* kOvercommit = "/proc/sys/vm/nr_overcommit_hugepages";
 
+const Workload kBrief = {"lru", {"lru", "0.1"}, false};
+
 class PageKinds : public testing::TestWithParam<Workload> {};
 
 TEST_P(PageKinds, ExplicitWithAPool_AreHugePages) {
@@ -27,14 +29,15 @@ TEST_P(PageKinds, ExplicitWithAPool_AreHugePages) {
   EXPECT_EQ(HugePagePool::free_pages(), 60);
 }
 
-TEST_P(PageKinds, ExplicitWithoutAPool_AreSmallPagesAndTheProgramSaysSo) {
+// The note tells what the system gave; all else is as with small pages that were asked for.
+TEST(PagesThatAreNot, ExplicitWithoutAPool_AreSmallPagesAndTheProgramSaysSo) {
   const HugePagePool pool(0);
   const Knob overcommit(kOvercommit, "0");
   const Knob shmem(kShmem, "never");
   if (!pool.valid() || !overcommit.valid() || !shmem.valid()) {
     GTEST_SKIP() << "the machine's pool can't be emptied";
   }
-  const Ended ended = run_program(GetParam().on_pages("explicit"));
+  const Ended ended = run_program(kBrief.on_pages("explicit"));
   EXPECT_EQ(ended.status, 0) << ended.errors;
   EXPECT_THAT(ended.output, HasSubstr("explicit pages asked for, got small pages of 4 KiB"));
   EXPECT_THAT(ended.output, HasSubstr("the same as the plain computation"));
@@ -50,12 +53,12 @@ TEST_P(PageKinds, TransparentWhereTheyAreAdvised_AreTransparentHugePages) {
   EXPECT_THAT(ended.output, HasSubstr("transparent pages asked for, got transparent huge pages"));
 }
 
-TEST_P(PageKinds, TransparentWhereThereAreNone_AreSmallPagesAndTheProgramSaysSo) {
+TEST(PagesThatAreNot, TransparentWhereThereAreNone_AreSmallPagesAndTheProgramSaysSo) {
   const Knob shmem(kShmem, "never");
   if (!shmem.valid()) {
     GTEST_SKIP() << "the system knows no transparent huge pages in memory files";
   }
-  const Ended ended = run_program(GetParam().on_pages("transparent"));
+  const Ended ended = run_program(kBrief.on_pages("transparent"));
   EXPECT_EQ(ended.status, 0) << ended.errors;
   EXPECT_THAT(ended.output, HasSubstr("transparent pages asked for, got small pages of 4 KiB"));
   EXPECT_THAT(ended.output, HasSubstr("the same as the plain computation"));

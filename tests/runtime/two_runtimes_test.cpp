@@ -12,7 +12,7 @@ namespace {
 class TwoRuntimes : public RuntimeTest {
  protected:
   void start_both() {
-    start(24, 64);
+    start(24, 48);
     first = std::move(runtime);
     second = std::make_unique<Runtime>(*memory, kVerifyAndSayNothing);
   }
@@ -41,7 +41,7 @@ TEST_F(TwoRuntimes, WorkingAtTheSameTime_StayApart) {
   std::vector<std::thread> threads;
   for (Runtime* const each : {first.get(), second.get()}) {
     for (int i = 0; i < 2; ++i) {
-      threads.emplace_back([=] { work(*each, 12); });
+      threads.emplace_back([=] { work(*each, 6); });
     }
   }
   for (std::thread& thread : threads) {
@@ -102,7 +102,7 @@ TEST_F(TwoRuntimes, OneThatEnds_LeavesItsMemoryToTheOther) {
 TEST_F(TwoRuntimes, OneThatEndsWhileTheOtherWorks_DoesNotDisturbIt) {
   start_both();
   work(*first, 4);
-  std::thread thread([&] { work(*second, 20); });
+  std::thread thread([&] { work(*second, 12); });
   first.reset();
   thread.join();
   EXPECT_EQ(second->verify().objects, 0u);
@@ -111,7 +111,7 @@ TEST_F(TwoRuntimes, OneThatEndsWhileTheOtherWorks_DoesNotDisturbIt) {
 TEST_F(TwoRuntimes, OneThatIsMadeWhileTheOtherWorks_WorksToo) {
   start_both();
   second.reset();
-  std::thread thread([&] { work(*first, 20); });
+  std::thread thread([&] { work(*first, 12); });
   second = std::make_unique<Runtime>(*memory, kVerifyAndSayNothing);
   work(*second, 4);
   thread.join();
