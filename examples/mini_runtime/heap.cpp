@@ -89,6 +89,9 @@ void Heap::free(char* address, uint64_t pages, int account) {
 }
 
 char* Heap::take(uint64_t pages, Region::Use use, int account) {
+  if (pages > _memory.maximum_pages()) {  // the library takes nothing larger than the space for a block of it
+    return nullptr;
+  }
   const std::lock_guard lock(_mutex);
   char* const address = allocate(pages, account);
   if (address == nullptr) {

@@ -135,6 +135,10 @@ uint64_t Memory::heap_fund_pages() const {
   return usage_of(kHeapAccount).fund_bytes / kPageBytes;
 }
 
+uint64_t Memory::used_pages() const {
+  return usage_of(kHeapAccount).used_bytes / kPageBytes + borrowed_pages();
+}
+
 uint64_t Memory::committed_pages() const {
   return heap_fund_pages() + usage_of(kReserveAccount).fund_bytes / kPageBytes;
 }

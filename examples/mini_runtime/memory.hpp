@@ -69,6 +69,7 @@ class Memory : Pinned {
   // In pages: what the heap may have in use, what is committed for both accounts, and what a collection took out of the
   // reserve that has not been paid back yet.
   uint64_t heap_fund_pages() const;
+  uint64_t used_pages() const;  // by all heaps
   uint64_t committed_pages() const;
   uint64_t borrowed_pages() const;
 

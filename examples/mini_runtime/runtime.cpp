@@ -42,19 +42,53 @@ Mutator::~Mutator() {
   _runtime.detach(*this);
 }
 
+// What a collection frees is free for all. So the object is made before the others go on, and a root holds it until this
+// thread is back.
 Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
   poll();
   if (raw_bytes > Object::kLargestRaw) {
     throw OutOfMemory(raw_bytes);
   }
   const uint64_t size = Object::size_for(references, raw_bytes);
+  const bool large = size >= Heap::kLargeObject;
+  mini::Root made(*this);
+  for (int collections = 0;;) {
+    const unsigned known = _runtime.collections();
+    made = made == nullptr ? make(references, raw_bytes, size) : made;
+    if (made != nullptr) {
+      _runtime.sample_now_and_then();
+      return made;
+    }
+    if (collections == 2) {
+      throw OutOfMemory(size);
+    }
+    Runtime::Request request{.cause = large ? "large object" : "allocation", .wanted_pages = pages_for(size)};
+    if (collections == 1) {
+      request.cause = "last resort";
+      request.urgency = Runtime::Urgency::kLast;
+    }
+    request.claim = [&] {
+      made = make(references, raw_bytes, size);
+      return made != nullptr;
+    };
+    collections += wait_for([&] { return _runtime.collect(request, known); }) ? 1 : 0;
+  }
+}
+
+Object* Mutator::make(uint32_t references, uint64_t raw_bytes, uint64_t size) {
   if (size >= Heap::kLargeObject) {
-    char* const block = take_or_collect(pages_for(size), Region::Use::kLarge, size);
+    char* const block = _runtime.heap().take(pages_for(size), Region::Use::kLarge, kHeapAccount);
+    if (block == nullptr) {
+      return nullptr;
+    }
     _runtime.heap().region(_runtime.heap().region_of(block)).top = size;
     return place(block, references, raw_bytes, size);
   }
   if (size > static_cast<uint64_t>(_limit - _cursor)) {
-    char* const region = take_or_collect(1, Region::Use::kSmall, size);
+    char* const region = _runtime.heap().take(1, Region::Use::kSmall, kHeapAccount);
+    if (region == nullptr) {
+      return nullptr;
+    }
     retire_region();
     _begin = _cursor = region;
     _limit = region + kPageBytes;
@@ -62,24 +96,6 @@ Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
   char* const address = _cursor;
   _cursor += size;
   return place(address, references, raw_bytes, size);
-}
-
-char* Mutator::take_or_collect(uint64_t pages, Region::Use use, uint64_t size) {
-  for (int collections = 0;;) {
-    const unsigned known = _runtime.collections();
-    if (char* const block = _runtime.heap().take(pages, use, kHeapAccount)) {
-      _runtime.sample_now_and_then();
-      return block;
-    }
-    if (collections == 2) {
-      throw OutOfMemory(size);
-    }
-    Runtime::Request request{use == Region::Use::kLarge ? "large object" : "allocation", pages};
-    if (collections == 1) {
-      request = {"last resort", pages, Runtime::Urgency::kLast};
-    }
-    collections += wait_for([&] { return _runtime.collect(request, known); }) ? 1 : 0;
-  }
 }
 
 void Mutator::retire_region() {
@@ -154,19 +170,26 @@ Collection Runtime::collect_now(const Request& request) {
     const uint64_t evacuated = _collector.collect(_mutators, in_need, keep_cached);
     collection.regions_evacuated += evacuated;
     rounds = evacuated == 0 ? 1 : rounds;
+    // At once: the next round may take what this one gave up.
+    std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->forget_region_unless_in_use(); });
   }
-  std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->forget_region_unless_in_use(); });
   collection.pages_after = _heap.used_pages();
   collection.pause_ms = (_timeline.now() - collection.began_at) * 1000;
   if (_options.verify && verify_heap(_heap, _mutators) != _collector.live()) {
     broken("after collection %u other objects can be reached than were marked", collection.number);
   }
+  if (!request.claim() && in_need) {
+    resize(collection.pages_after, request.wanted_pages);
+    request.claim();
+  }
   return collection;
 }
 
 // Twice what is in use, so that a collection comes each time the program has allocated as much again.
-uint64_t Runtime::goal_for(uint64_t used_pages, uint64_t wanted) const {
-  const uint64_t needed = used_pages + std::max(used_pages, wanted);
+// Other heaps keep what they have.
+uint64_t Runtime::goal_for(uint64_t used_pages, uint64_t wanted) {
+  const uint64_t others = _memory.used_pages() - std::min(_memory.used_pages(), _heap.used_pages());
+  const uint64_t needed = others + used_pages + std::max(used_pages, wanted);
   return std::clamp(needed, _memory.initial_heap_pages(), _memory.maximum_heap_pages());
 }
 

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <string>
@@ -121,7 +122,7 @@ class Mutator : Pinned {
   friend class mini::Root;
   Object* allocate_slowly(uint32_t references, uint64_t raw_bytes);
   Object* place(char* address, uint32_t references, uint64_t raw_bytes, uint64_t size);
-  char* take_or_collect(uint64_t pages, Region::Use use, uint64_t size);
+  Object* make(uint32_t references, uint64_t raw_bytes, uint64_t size);  // null when there is no memory
 
   Runtime& _runtime;
   char* _begin = nullptr;
@@ -152,6 +153,7 @@ class Runtime : Pinned {
     std::string cause;
     uint64_t wanted_pages = 0;  // that should be free afterwards
     Urgency urgency = Urgency::kNormal;
+    std::function<bool()> claim = [] { return true; };  // called before the world goes on; false: found no memory
   };
 
   // Collects, and fits the memory to what is left: by a thread that has left managed code. Returns false, having done
@@ -177,7 +179,7 @@ class Runtime : Pinned {
 
  private:
   Collection collect_now(const Request& request);
-  uint64_t goal_for(uint64_t used_pages, uint64_t wanted) const;
+  uint64_t goal_for(uint64_t used_pages, uint64_t wanted);
   void sample();
   void resize(uint64_t used_pages, uint64_t wanted);
   void log(const char* format, ...) const __attribute__((format(printf, 2, 3)));
