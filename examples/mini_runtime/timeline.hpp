@@ -31,6 +31,7 @@ class Timeline {
   bool wants(bool due);  // another sample now, since it is due, or because enough time has passed
   void add(Sample sample);
   void add(const Collection& collection);
+  double longest_pause_ms() const;
 
   void write_svg(const std::string& path, const std::string& title) const;  // throws std::system_error
 
