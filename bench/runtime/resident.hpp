@@ -26,9 +26,9 @@ inline uint64_t bytes_in_memory_files(const std::filesystem::path& process) {
   return bytes;
 }
 
-// `process` is its number, or "self". Nothing is left of a process that has ended.
-inline uint64_t resident_bytes(const std::string& process) {
-  const std::filesystem::path directory = std::filesystem::path("/proc") / process;
+// Nothing is left of a process that has ended.
+inline uint64_t resident_bytes(pid_t process) {
+  const std::filesystem::path directory = "/proc/" + std::to_string(process);
   std::ifstream rollup(directory / "smaps_rollup");
   uint64_t resident = 0;
   uint64_t resident_of_files = 0;
