@@ -200,7 +200,7 @@ void Collector::release(const std::function<uint64_t(uint64_t)>& keep_cached) {
   }
   std::vector<uint64_t> empty;
   for (uint64_t i = 0; i < _heap.regions(); ++i) {
-    if (_heap.region(i).pages == 0 || _heap.region(i).live_bytes != 0) {
+    if (_heap.region(i).pages == 0 || _heap.region(i).live_bytes != 0 || _heap.region(i).promised) {
       continue;
     }
     if (_heap.region(i).use == Region::Use::kLarge) {

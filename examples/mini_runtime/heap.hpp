@@ -27,10 +27,11 @@ struct Region {
   enum class Use : uint8_t { kNone, kSmall, kLarge, kLargeTail };
 
   Use use = Use::kNone;
-  bool sealed = false;  // the mutators' view is out of bounds
-  uint8_t payer = 0;    // account that the pages were taken from
-  uint64_t pages = 0;   // of the block, in the region where it begins
-  uint64_t top = 0;     // bytes from the beginning up to which there are objects
+  bool sealed = false;    // the mutators' view is out of bounds
+  bool promised = false;  // to a mutator that has not come to use it yet, so it is not empty
+  uint8_t payer = 0;      // account that the pages were taken from
+  uint64_t pages = 0;     // of the block, in the region where it begins
+  uint64_t top = 0;       // bytes from the beginning up to which there are objects
   uint64_t live_bytes = 0;
 };
 

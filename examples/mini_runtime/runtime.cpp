@@ -74,11 +74,16 @@ char* Mutator::take_or_collect(uint64_t pages, Region::Use use, uint64_t size) {
     if (collections == 2) {
       throw OutOfMemory(size);
     }
-    Runtime::Request request{use == Region::Use::kLarge ? "large object" : "allocation", pages};
+    Runtime::Request request{use == Region::Use::kLarge ? "large object" : "allocation", pages, use};
     if (collections == 1) {
-      request = {"last resort", pages, Runtime::Urgency::kLast};
+      request = {"last resort", pages, use, Runtime::Urgency::kLast};
     }
-    collections += wait_for([&] { return _runtime.collect(request, known); }) ? 1 : 0;
+    const Runtime::Answer answer = wait_for([&] { return _runtime.collect(request, known); });
+    if (answer.block != nullptr) {
+      _runtime.heap().region(_runtime.heap().region_of(answer.block)).promised = false;
+      return answer.block;
+    }
+    collections += answer.collected ? 1 : 0;
   }
 }
 
@@ -121,23 +126,36 @@ void Runtime::detach(Mutator& mutator) {
   _safepoint.leave();
 }
 
-bool Runtime::collect(const Request& request, unsigned known_collections) {
+Runtime::Answer Runtime::collect(const Request& request, unsigned known_collections) {
   const std::lock_guard lock(_memory.collecting());
   if (known_collections != collections()) {
-    return false;
+    return {};
   }
   sample(true);
-  const Collection collection = collect_now(request);
+  Answer answer{.collected = true};
+  const Collection collection = collect_now(request, answer);
   _timeline.add(collection);
   log("[%8.3fs] GC(%u) %s %luM->%luM(%luM) %.3f ms, %lu regions evacuated", collection.began_at, collection.number,
       collection.cause.c_str(), mib_of(collection.pages_before), mib_of(collection.pages_after),
       mib_of(collection.committed_pages), collection.pause_ms, collection.regions_evacuated);
-  resize(collection.pages_after, request.wanted_pages);
+  if (request.urgency == Urgency::kNormal) {
+    resize(collection.pages_after, request.wanted_pages);
+  }
   sample(true);
-  return true;
+  return answer;
 }
 
-Collection Runtime::collect_now(const Request& request) {
+// A region that is promised while the world is stopped: otherwise the others, who run earlier, could take all of it,
+// again and again, and a mutator that comes late would find no memory where there is enough.
+char* Runtime::promise(const Request& request) {
+  char* const block = request.wanted_pages == 0 ? nullptr : _heap.take(request.wanted_pages, request.use, kHeapAccount);
+  if (block != nullptr) {
+    _heap.region(_heap.region_of(block)).promised = true;
+  }
+  return block;
+}
+
+Collection Runtime::collect_now(const Request& request, Answer& answer) {
   constexpr int kRoundsInNeed = 4;
   const bool in_need = request.urgency == Urgency::kLast;
   Collection collection{.number = _collections++, .cause = request.cause, .began_at = _timeline.now()};
@@ -156,6 +174,10 @@ Collection Runtime::collect_now(const Request& request) {
   }
   std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->forget_region_unless_in_use(); });
   collection.pages_after = _heap.used_pages();
+  if (in_need) {  // what is committed for this mutator is for no other
+    resize(collection.pages_after, request.wanted_pages);
+  }
+  answer.block = promise(request);
   collection.pause_ms = (_timeline.now() - collection.began_at) * 1000;
   if (_options.verify && verify_heap(_heap, _mutators) != _collector.live()) {
     broken("after collection %u other objects can be reached than were marked", collection.number);

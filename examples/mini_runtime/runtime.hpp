@@ -151,14 +151,19 @@ class Runtime {
   enum class Urgency { kNormal, kLast };
   struct Request {
     std::string cause;
-    uint64_t wanted_pages = 0;  // that should be free afterwards
+    uint64_t wanted_pages = 0;  // as a block for this use
+    Region::Use use = Region::Use::kNone;
     Urgency urgency = Urgency::kNormal;
   };
+  struct Answer {
+    bool collected = false;
+    char* block = nullptr;  // promised: others can't have taken it since, however late the mutator comes to use it
+  };
 
-  // Collects, and fits the memory to what is left: by a thread that has left managed code. Returns false, having done
-  // nothing, when there have been other collections than those that the caller knows of.
-  bool collect(const Request& request, unsigned known_collections);
-  bool collect(const std::string& cause) { return collect({.cause = cause}, collections()); }
+  // Collects, and fits the memory to what is left: by a thread that has left managed code. Does nothing when there have
+  // been other collections than those that the caller knows of.
+  Answer collect(const Request& request, unsigned known_collections);
+  Answer collect(const std::string& cause) { return collect({.cause = cause}, collections()); }
   unsigned collections() const { return _collections; }
 
   // Looks through the whole heap; ends the process when something is wrong.
@@ -177,7 +182,8 @@ class Runtime {
   void sample(bool due = false);  // for the picture, when one is due or this one is
 
  private:
-  Collection collect_now(const Request& request);
+  Collection collect_now(const Request& request, Answer& answer);
+  char* promise(const Request& request);
   uint64_t goal_for(uint64_t used_pages, uint64_t wanted) const;
   void resize(uint64_t used_pages, uint64_t wanted);
   void log(const char* format, ...) const __attribute__((format(printf, 2, 3)));
