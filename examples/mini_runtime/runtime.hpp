@@ -145,6 +145,7 @@ class Runtime : Pinned {
   Heap& heap() { return _heap; }
   Memory& memory() { return _memory; }
   Timeline& timeline() { return _timeline; }
+  const Timeline& timeline() const { return _timeline; }
   Collector& collector() { return _collector; }
   Safepoint& safepoint() { return _safepoint; }
 

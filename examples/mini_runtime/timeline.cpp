@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
+#include <numeric>
 #include <sstream>
 
 namespace mini {
@@ -199,6 +200,13 @@ void Timeline::add(Sample sample) {
 void Timeline::add(const Collection& collection) {
   const std::lock_guard lock(_mutex);
   _collections.push_back(collection);
+}
+
+double Timeline::longest_pause_ms() const {
+  const std::lock_guard lock(_mutex);
+  return std::accumulate(
+      _collections.begin(), _collections.end(), 0.0,
+      [](double longest, const Collection& collection) { return std::max(longest, collection.pause_ms); });
 }
 
 void Timeline::write_svg(const std::string& path, const std::string& title) const {

@@ -29,6 +29,7 @@ class Timeline {
   bool is_due();       // another sample, as some time has passed
   void add(Sample sample);
   void add(const Collection& collection);
+  double longest_pause_ms() const;
 
   void write_svg(const std::string& path, const std::string& title) const;  // throws std::system_error
 
