@@ -38,6 +38,18 @@ account_usage_t usage_of(int account) {
   return usage.accounts[account];
 }
 
+// What the system counts under this name for all mappings of the process.
+uint64_t smaps_bytes(const char* name) {
+  std::ifstream rollup("/proc/self/smaps_rollup");
+  for (std::string word; rollup >> word;) {
+    uint64_t kib = 0;
+    if (word == name && rollup >> kib) {
+      return kib * 1024;
+    }
+  }
+  return 0;
+}
+
 void must(int64_t result, const char* what) {
   if (result != 0) {
     fail(what);
@@ -101,6 +113,7 @@ Memory::Memory(const MemoryOptions& options)
   configuration.max_commit_bytes = bytes_of(_maximum);
   configuration.use_explicit_huge_pages = options.pages == PageKind::kExplicit ? 1 : 0;
   configuration.use_transparent_huge_pages = options.pages == PageKind::kTransparent ? 1 : 0;
+  configuration.aggressively_acquire_thp = 1;  // without it the system is asked for memory, not for huge pages
   configuration.prefund = 1;
   configuration.safe_fetch32 = fetch_or;
   must(ox_initialize_pliv(&configuration), "bringing the library up");
@@ -179,11 +192,16 @@ uint64_t Memory::touch_recommitted() {
   return touched;
 }
 
+// Transparent huge pages are a matter of the system's grace: how many there are is what it says.
 std::string Memory::kind_of_pages() {
   if (ox_pmem_using_explicit_huge_pages_pliv() == 1) {
     return "explicit huge pages of 2 MiB";
   }
-  return ox_pmem_using_transparent_huge_pages_pliv() == 1 ? "transparent huge pages" : "small pages of 4 KiB";
+  if (ox_pmem_using_transparent_huge_pages_pliv() == 1) {
+    return "transparent huge pages, " + std::to_string(smaps_bytes("ShmemPmdMapped:") >> 20) +
+           " MiB mapped by them so far";
+  }
+  return "small pages of 4 KiB";
 }
 
 uint64_t Memory::bytes_in_backing_file() {
@@ -193,14 +211,7 @@ uint64_t Memory::bytes_in_backing_file() {
 }
 
 uint64_t Memory::resident_bytes() {
-  std::ifstream rollup("/proc/self/smaps_rollup");
-  for (std::string word; rollup >> word;) {
-    uint64_t kib = 0;
-    if (word == "Pss:" && rollup >> kib) {
-      return kib * 1024;
-    }
-  }
-  return 0;
+  return smaps_bytes("Pss:");
 }
 
 }  // namespace mini

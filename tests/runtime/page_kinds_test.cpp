@@ -50,7 +50,8 @@ TEST_P(PageKinds, TransparentWhereTheyAreAdvised_AreTransparentHugePages) {
   }
   const Ended ended = run_program(GetParam().on_pages("transparent"));
   expect_a_busy_run(ended, GetParam());
-  EXPECT_THAT(ended.output, HasSubstr("transparent pages asked for, got transparent huge pages"));
+  EXPECT_THAT(ended.output,
+              testing::ContainsRegex("transparent pages asked for, got transparent huge pages, [1-9][0-9]* MiB"));
 }
 
 TEST(PagesThatAreNot, TransparentWhereThereAreNone_AreSmallPagesAndTheProgramSaysSo) {
