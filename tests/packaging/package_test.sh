@@ -2,6 +2,7 @@
 # Builds the packages, unpacks them into a root that holds nothing else but what they say they depend on, and runs the
 # tour and the consumers from there.
 set -euo pipefail
+[ "$(id -u)" = 0 ] || { echo "skipped: only root may change its root directory"; exit 77; }
 tree=$(realpath "$(dirname "$(realpath "$0")")/../..")
 source "$tree/tests/packaging/consumers.sh"
 work=$(mktemp -d)
@@ -21,7 +22,8 @@ declared=$(for package in "$work"/packages/*.deb; do dpkg-deb -f "$package" Depe
 echo "depends on" $declared
 for library in $(ldd "$root/usr/bin/oxpliv-tour" "$root"/usr/lib/*/liboxpliv.so.1 | grep -o '/[^ ]*\.so[^ ]*' | sort -u); do
   case "$library" in */liboxpliv*) continue ;; esac
-  owner=$(dpkg -S "$library" "/usr$library" "${library#/usr}" 2>/dev/null | cut -d: -f1 | head -1) # /lib is in /usr now
+  # /lib has moved into /usr, but the registry of files remembers where each was.
+  owner=$({ dpkg -S "$library" "/usr$library" "${library#/usr}" 2>/dev/null || true; } | cut -d: -f1 | head -1)
   grep -qx "$owner" <<<"$declared" || { echo "$library belongs to $owner, which no package depends on"; exit 1; }
   mkdir -p "$root$(dirname "$library")"
   cp -L "$library" "$root$library"
