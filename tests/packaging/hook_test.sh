@@ -13,7 +13,10 @@ git config user.name Test
 git config user.email test@localhost
 
 scripts/lint --install-hook
-! scripts/lint --install-hook # never over another one
+if scripts/lint --install-hook; then
+  echo "a hook was written over another one"
+  exit 1
+fi
 echo "int   badly_formatted( ) ;" >src/utils/new.hpp
 git add src/utils/new.hpp
 if git commit -qm "Must not pass"; then

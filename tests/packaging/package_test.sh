@@ -44,5 +44,8 @@ build_consumers "$root/usr" "$libdir" "$work"
 # The library carries no debug information itself, and the symbols belong to it.
 identity=$(readelf -n "$libdir/liboxpliv.so.1" | awk '/Build ID/ {print $3}')
 [ -e "$work/symbols/usr/lib/debug/.build-id/${identity:0:2}/${identity:2}.debug" ]
-! readelf -S "$libdir/liboxpliv.so.1" | grep -q '\.debug_info'
+if readelf -S "$libdir/liboxpliv.so.1" | grep -q '\.debug_info'; then
+  echo "the library carries debug information"
+  exit 1
+fi
 echo "unpacked into a clean root, and used there"
