@@ -165,7 +165,8 @@ using Mapping = std::tuple<uint64_t, unsigned>;
 class BlockFaults : public Faults, public testing::WithParamInterface<Mapping> {};
 
 TEST_P(BlockFaults, OfAMutator_IsTriedAgainAndSeenAtAllViews) {
-  const auto [pages, view] = GetParam();
+  const uint64_t pages = std::get<0>(GetParam());
+  const unsigned view = std::get<1>(GetParam());
   start(16, 64);
   runtime->with_thread([&](Mutator& mutator) {
     List around(mutator);

@@ -123,9 +123,9 @@ TEST_F(OutOfMemoryOf, OneOfTwoThreads_DoesNotHarmTheOther) {
 
 // What one thread's collection has freed, others may take before it does.
 TEST_F(OutOfMemoryOf, ThreadsWithLittleInUse_NeverComes) {
-  constexpr int kDepth = 14;  // of the trees, which take less than 4 MiB at any moment
+  constexpr int kDepth = 15;  // of the trees, which take a few MiB at any moment
   start(8, 48);
-  for (const unsigned threads : {2, 4, 2, 4}) {
+  for (const unsigned threads : {2u, 4u, 4u}) {
     EXPECT_NO_THROW(EXPECT_EQ(workloads::run_trees(*runtime, kDepth, threads).size(), 8u)) << threads;
   }
 }
