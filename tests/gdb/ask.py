@@ -1,4 +1,4 @@
-"""Runs in GDB: gives the commands of one file, and writes what each answered into another."""
+"""Runs in GDB: carries out the commands that come in over one pipe, and answers what each said over another."""
 
 import json
 import os
@@ -10,10 +10,10 @@ def answer(command):
     try:
         return gdb.execute(command, to_string=True)
     except gdb.error as error:
-        return "refused: %s" % error
+        return "refused: %s\n" % error
 
 
-with open(os.environ["OXPLIV_QUESTIONS"]) as questions:
-    answers = [answer(command) for command in json.load(questions)]
-with open(os.environ["OXPLIV_ANSWERS"], "w") as written:
-    json.dump(answers, written)
+with os.fdopen(int(os.environ["OXPLIV_QUESTIONS"])) as questions:
+    with os.fdopen(int(os.environ["OXPLIV_ANSWERS"]), "w") as answers:
+        for question in questions:
+            print(json.dumps(answer(json.loads(question))), file=answers, flush=True)

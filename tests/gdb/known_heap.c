@@ -101,6 +101,28 @@ static void fill_other_space(void) {
   CHECK(ox_mmap_pliv(FIXED + PAGE, 2 * PAGE, PROT_READ | PROT_WRITE, 2, 0) == 0);
 }
 
+static int64_t page_at(long space, const char* address) {
+  return ox_get_backing_storage_offset_pliv(space, (int64_t)address) / (int64_t)PAGE;
+}
+
+/* What gdb_test.py takes for granted, as the library itself tells it. */
+static void check_numbers(void) {
+  ox_pliv_account_usage_buffer_t usage;
+  const uint64_t size = sizeof usage;
+  CHECK(ox_pmem_get_account_usage_pliv(0, &usage, &size) == 0);
+  CHECK(usage.accounts[2].fund_bytes == 26 * PAGE && usage.accounts[3].fund_bytes == 4 * PAGE);
+  CHECK(usage.accounts[2].used_bytes == 20 * PAGE &&
+        usage.accounts[3].used_bytes == 2 * PAGE);  // the cached one left out
+  ox_pliv_pzone_stats_t zone;
+  CHECK(ox_get_stats_for_pzone_pliv(0, &zone) == 0 && zone.allocated_bytes == 20 * PAGE && zone.free_bytes == 0);
+  CHECK(ox_get_stats_for_pzone_pliv(1, &zone) == 0 && zone.allocated_bytes == 3 * PAGE && zone.free_bytes == 3 * PAGE);
+  CHECK(zone.defunded_bytes == 2 * PAGE);
+  CHECK(ox_get_total_mapped_size_pliv() == (int64_t)(134 * PAGE));
+  CHECK(page_at(0, SECOND_ALIAS) == 0 && page_at(0, FIRST_ALIAS + 7 * PAGE) == 4 && page_at(1, OTHER_SPACE) == 7);
+  CHECK(page_at(1, OTHER_SPACE + 108 * PAGE) == 19 && page_at(1, OTHER_SPACE + 109 * PAGE) == 24);
+  CHECK(page_at(-1, FIXED + 2 * PAGE) == 26);
+}
+
 /* The heap itself is left out of core files: what the commands need of it lies elsewhere. */
 static void keep_core_small(void) {
   FILE* const filter = fopen("/proc/self/coredump_filter", "w");
@@ -115,6 +137,7 @@ int main(void) {
   fill_other_space();
   CHECK(ox_pmem_fund_account_pliv(0, 2, -2UL * PAGE) == 0);
   CHECK(ox_create_pzone_pliv(128 * PAGE, PAGE, 512 * PAGE, 1) == 2);  // large, and nearly untouched
+  check_numbers();
   heap_is_built();
   return 0;
 }
