@@ -136,7 +136,7 @@ int main(void) {
   fill_first_space();
   fill_other_space();
   CHECK(ox_pmem_fund_account_pliv(0, 2, -2UL * PAGE) == 0);
-  CHECK(ox_create_pzone_pliv(128 * PAGE, PAGE, 512 * PAGE, 1) == 2);  // large, and nearly untouched
+  CHECK(ox_create_pzone_pliv(128 * PAGE, 256 * PAGE, 512 * PAGE, 1) == 2);  // large, and without memory
   check_numbers();
   heap_is_built();
   return 0;

@@ -16,7 +16,6 @@ import gdb
 import gdb.printing
 
 PAGE_SHIFT = 21
-PAGE_BYTES = 1 << PAGE_SHIFT
 NO_PAGE = -1
 NO_ZONE = 255
 
@@ -33,9 +32,10 @@ def why_not_found():
 
 
 def static(name):
-    """A static member. The quotes make it one symbol: then it is found in optimized libraries and from C code too."""
+    """A static member, by its linkage name: that is found whichever compiler and optimizations made the library."""
+    parts = "".join("%d%s" % (len(part), part) for part in name.split("::"))
     try:
-        return gdb.parse_and_eval("'oxpliv::%s'" % name)
+        return gdb.parse_and_eval("_ZN6oxpliv%sE" % parts)
     except gdb.error:
         raise gdb.GdbError(why_not_found())
 
@@ -73,8 +73,10 @@ class Record:
 
 def states_of(enumeration):
     """The states of a record by their names in plain words: NotFunded -> not funded."""
-    words = lambda name: re.sub("(?<!^)([A-Z])", r" \1", name.rpartition("::")[2]).lower()
-    return {words(field.name): field.enumval for field in record_type(enumeration).fields()}
+    states = {}
+    for field in record_type(enumeration).fields():
+        states[re.sub("(?<!^)([A-Z])", r" \1", field.name.rpartition("::")[2]).lower()] = field.enumval
+    return states
 
 
 def holder(mutex):
@@ -169,8 +171,8 @@ def ranges(tree):
 
 
 def plural(count, thing):
-    plural_ending = "es" if thing.endswith("sh") else "s"
-    return "%d %s%s" % (count, thing, "" if count == 1 else plural_ending)
+    ending = "" if count == 1 else "es" if thing.endswith("sh") else "s"
+    return "%d %s%s" % (count, thing, ending)
 
 
 def span(start, end):
@@ -557,10 +559,8 @@ def write_zones(_):
 @command("oxpliv page NUMBER")
 def write_page(arguments):
     """A physical page: its record, and all that maps it."""
-    page = one_argument(arguments, "page")
+    page = existing_page(one_argument(arguments, "page"))
     physical = PhysicalPages()
-    if not 0 <= page < physical.count:
-        raise gdb.GdbError("there is no physical page %d; they are %s" % (page, span(0, physical.count)))
     record = physical[page]
     write("%s, at %#x of the file" % (physical.describe(page, record), page << PAGE_SHIFT))
     if record.next:
@@ -568,6 +568,14 @@ def write_page(arguments):
     if record.next_pretouch_page:
         write("  waits to be pretouched")
     write_uses(page)
+
+
+def existing_page(page):
+    check_initialized()
+    count = PhysicalPages().count
+    if not 0 <= page < count:
+        raise gdb.GdbError("there is no physical page %d; they are %s" % (page, span(0, count)))
+    return page
 
 
 def write_uses(page):
@@ -654,7 +662,7 @@ def write_cache(space):
 @command("oxpliv block ADDRESS")
 def write_block(arguments):
     """What lies at an address: block, physical pages, and where else they are mapped."""
-    address = one_argument(arguments, "address")
+    address = one_argument(arguments, "address") % (1 << 64)
     for index, space in spaces():
         alias = space.alias_of(address)
         if alias:
@@ -719,14 +727,14 @@ def write_map(arguments):
     cached = cached_physical_pages()
     counts = collections.Counter()
     for index, zone in chosen(zones(), arguments, "zone"):
-        end = min(zone.start_page + zone.max_pages, physical.count)
+        start, end = zone.start_page, zone.start_page + zone.max_pages
+        given = zone.start_page + zone.watermark_pages
         write("zone %d" % index)
-        defunded = {page for span_ in zone.defunded_spans() for page in range(*span_)}
-        behind = zone.start_page + zone.watermark_pages
-        records = enumerate(physical.read(zone.start_page, end - zone.start_page), zone.start_page)
-        letters = [map_letter(physical, cached, defunded, behind, page, record) for page, record in records]
+        letters = "".join(map_letters(physical, cached, zone, start, given))
         counts.update(letters)
-        write_map_lines(zone.start_page, "".join(letters))
+        write_map_lines(start, letters)
+        if given < end:
+            write("%9d  ... to %d: not given to the zone yet" % (given, end - 1))
     for letter, meaning in MAP_LEGEND:
         if counts[letter]:
             write("  %s  %6d  %s" % (letter, counts[letter], meaning))
@@ -734,32 +742,35 @@ def write_map(arguments):
 
 MAP_LEGEND = [(str(index), "allocated, paid by account %d" % index) for index in range(8)] + [
     ("c", "allocated, in the cache of a space"), ("f", "free, with memory"),
-    ("n", "free, gets memory when it is first handed out"),
-    ("d", "defunded: its memory was given back"), (".", "not given to the zone yet"), ("x", "disallowed")]
+    ("n", "free, gets memory when it is first handed out"), ("d", "defunded: its memory was given back"),
+    ("?", "in a state that does not belong here")]
 
 
 def cached_physical_pages():
     return {page for _, space in spaces() for _, first in space.cached_blocks() for page in space.block(first).physical}
 
 
-def map_letter(physical, cached, defunded, behind, page, record):
-    if record.state == physical.states["allocated"]:
-        return "c" if page in cached else str(record.acct)
-    if record.state == physical.states["not funded"]:
-        return "." if page >= behind else "d" if page in defunded else "n"
-    return "f" if record.state == physical.states["free"] else "x"
+def map_letters(physical, cached, zone, start, end):
+    allocated, free, not_funded = (physical.states[name] for name in ("allocated", "free", "not funded"))
+    defunded = {page for first, behind in zone.defunded_spans() for page in range(first, behind)}
+    for page, record in enumerate(physical.read(start, end - start), start):
+        if record.state == allocated:
+            yield "c" if page in cached else str(record.acct)
+        elif record.state == not_funded:
+            yield "d" if page in defunded else "n"
+        else:
+            yield "f" if record.state == free else "?"
 
 
 def write_map_lines(first, letters):
     """64 pages a line; lines that look like the one above are left out, with a star in their place."""
-    above, starred = None, False
-    for at in range(0, len(letters), 64):
-        line = letters[at:at + 64]
-        if line == above and at + 64 < len(letters):
-            starred = starred or write("%9s" % "*") is None
-            continue
-        write("%9d  %s" % (first + at, " ".join(textwrap.wrap(line, 16))))
-        above, starred = line, False
+    lines = [letters[at:at + 64] for at in range(0, len(letters), 64)]
+    for index, line in enumerate(lines):
+        if 0 < index < len(lines) - 1 and line == lines[index - 1]:
+            if index == 1 or line != lines[index - 2]:
+                write("%9s" % "*")
+        else:
+            write("%9d  %s" % (first + index * 64, " ".join(textwrap.wrap(line, 16))))
 
 
 # ---- Printers: a line for a record
@@ -888,3 +899,34 @@ class LinePrinter:
 
 
 register_printers()
+
+
+# ---- Functions for expressions: print $oxpliv_space(0)._aliases[1]
+
+
+class Finder(gdb.Function):
+    """$oxpliv_<kind>(NUMBER): the object itself."""
+
+    def __init__(self, kind, things):
+        super().__init__("oxpliv_" + kind)
+        self.kind, self.things = kind, things
+
+    def invoke(self, index):
+        check_initialized()
+        return chosen(self.things(), [str(int(index))], self.kind)[0][1].value
+
+
+class PageFinder(gdb.Function):
+    """$oxpliv_page(NUMBER): the record of a physical page."""
+
+    def __init__(self):
+        super().__init__("oxpliv_page")
+
+    def invoke(self, page):
+        return static("PMEM_PageInfo::_page_info_base")[existing_page(int(page))]
+
+
+PageFinder()
+Finder("account", accounts)
+Finder("zone", zones)
+Finder("space", spaces)
