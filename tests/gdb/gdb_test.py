@@ -429,6 +429,7 @@ class Surgery(DebuggerTest):
     def test_state_that_does_not_exist_is_told_as_its_number(self):
         self.put("$oxpliv_page(7)._state._M_i", 77)
         self.assertIn("physical page 7: state 77, which does not exist, zone 0", self.debugger.ask("oxpliv page 7"))
+        self.assertIn("        0  2222222?c3322222 2222\n", self.debugger.ask("oxpliv map 0"))
 
     def test_tree_that_leads_in_a_circle_is_told_as_broken(self):
         root = "$oxpliv_space(0)._page_manager._allocator->_free_list._root"
@@ -438,15 +439,16 @@ class Surgery(DebuggerTest):
 
     def test_queue_that_leads_out_of_the_table_is_told_as_broken(self):
         self.put("$oxpliv_page(30)._next._value._M_b._M_p", 0x10)
-        self.assertEqual(self.debugger.ask("oxpliv free zone 1"), "refused: this queue is broken: a link leads to 0x10\n")
+        self.assertEqual(self.debugger.ask("oxpliv free zone 1"),
+                         "refused: this queue is broken: a link leads to 0x10\n")
 
     def test_pointer_into_nowhere_is_refused(self):
         self.put("$oxpliv_zone(0)._allocator", 0x10)
         self.assertRegex(self.debugger.ask("oxpliv zones"), "refused: Cannot access memory at address 0x")
 
 
-COMMANDS = ("oxpliv", "oxpliv accounts", "oxpliv zones", "oxpliv page 0", "oxpliv space", "oxpliv block 0", "oxpliv free",
-            "oxpliv map", "print $oxpliv_page(0)", "print $oxpliv_account(2)")
+COMMANDS = ("oxpliv", "oxpliv accounts", "oxpliv zones", "oxpliv page 0", "oxpliv space", "oxpliv block 0",
+            "oxpliv free", "oxpliv map", "print $oxpliv_page(0)", "print $oxpliv_account(2)")
 
 
 class Refusal(DebuggerTest):

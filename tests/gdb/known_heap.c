@@ -1,6 +1,6 @@
 /*
- * A small heap in which everything is known: what a debugger must tell about it stands in gdb_test.py. The program calls
- * heap_is_built() when all is in place.
+ * A small heap in which everything is known: what a debugger must tell about it stands in gdb_test.py. The program
+ * calls heap_is_built() when all is in place.
  */
 #define _DEFAULT_SOURCE
 

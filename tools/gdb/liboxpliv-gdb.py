@@ -1,7 +1,7 @@
 """GDB's knowledge of liboxpliv: the commands "oxpliv ..." and printers for the library's records.
 
-Everything is read from memory by the library's debug information, and nothing is called in the program, so that it works
-on a stopped process and on a core file alike. GDB loads this file by itself when it lies where GDB looks for the
+Everything is read from memory by the library's debug information, and nothing is called in the program, so that it
+works on a stopped process and on a core file alike. GDB loads this file by itself when it lies where GDB looks for the
 scripts of the shared library; "source liboxpliv-gdb.py" does the same by hand.
 """
 
@@ -517,7 +517,8 @@ def write_summary():
         megabytes(number(static("PMEM_BackingStorage::_file_size")) >> PAGE_SHIFT), kind))
     write("physical pages of 2 MiB: %d allocated, %d free, %d without memory" % (
         with_memory["allocated"], with_memory["free"], physical.count - sum(with_memory.values())))
-    write("%s, %s, %s" % (plural(len(accounts()), "account"), plural(len(zones()), "zone"), plural(len(spaces()), "space")))
+    write(", ".join(plural(len(things), kind) for things, kind in (
+        (accounts(), "account"), (zones(), "zone"), (spaces(), "space"))))
     write("mapped: %s, populated: %s, internal usage: %d KiB" % (
         megabytes(number(static("PMEM::_total_ref_count"))), megabytes(number(static("PMEM::_populated_page_count"))),
         number(static("InternalMemoryUsage::_internal_usage")) >> 10))
@@ -546,7 +547,8 @@ def credit_list(account):
 @command("oxpliv zones")
 def write_zones(_):
     """The physical zones, in pages."""
-    write("zone  pages            hands out     allocated     free      low     high  defunded  watermark  initial pages")
+    write("zone  pages            hands out     allocated     free      low     high  defunded  watermark"
+          "  initial pages")
     for index, zone in zones():
         start, free_list = zone.start_page, zone.list
         columns = [zone.allocated(), free_list.free_pages, free_list.free_pages_low, free_list.free_pages_high]
@@ -652,7 +654,8 @@ def write_cache(space):
         cache.account, plural(cache.max_bucket_pages, "page"), plural(cache.cached_pages, "page"),
         cache.cached_pages_min, cache.cached_pages_max, holder(cache.value["_mutex"])))
     write("    %s, %d missed; %s in part, %d in full" % (
-        plural(cache.lookup_hits, "hit"), cache.lookup_misses, plural(cache.partial_flushes, "flush"), cache.full_flushes))
+        plural(cache.lookup_hits, "hit"), cache.lookup_misses, plural(cache.partial_flushes, "flush"),
+        cache.full_flushes))
     for size, blocks in itertools.groupby(space.cached_blocks(), key=lambda block: block[0]):
         spans = [(first, first + size) for _, first in blocks]
         write_spans("    %s of %s, the next one to go out first:" % (
@@ -667,7 +670,8 @@ def write_block(arguments):
         alias = space.alias_of(address)
         if alias:
             page = (address - alias.base) >> PAGE_SHIFT
-            write_block_of_space("%#x: space %d page %d, at alias %d" % (address, index, page, alias.index), space, page)
+            where = "%#x: space %d page %d, at alias %d" % (address, index, page, alias.index)
+            write_block_of_space(where, space, page)
             return
     fixed = FixedAddresses()
     page = address >> PAGE_SHIFT
