@@ -155,6 +155,13 @@ class KnownHeap:
         self.assertEqual(len(re.findall(r"  space 1 page \d+, a block of 1 page, allocated\n", said)), 50)
         self.assertEqual(len(re.findall(r"  space 1 page \d+, free, and still mapped from before\n", said)), 48)
 
+    def test_page_behind_a_stray_mapping_tells_what_is_mapped_instead(self):
+        self.check("oxpliv page 24", """
+            physical page 24: allocated, zone 1, account 2, 1 mapping, 1 active, 0 populated, at 0x3000000 of the file
+              space 1 page 109, page 10 of 10 in block 100-109, allocated
+                alias 0  0x12000da00000  page 3 of /memfd:mirt_heap (deleted) is mapped
+            """)
+
     def test_page_in_a_queue_tells_the_next_one(self):
         self.check("oxpliv page 30", """
             physical page 30: free, zone 1, 0 mappings, 0 active, 0 populated, at 0x3c00000 of the file

@@ -123,6 +123,12 @@ static void check_numbers(void) {
   CHECK(page_at(-1, FIXED + 2 * PAGE) == 26);
 }
 
+/* A stray mapping, of which no record knows. */
+static void map_another_page_over(char* address) {
+  CHECK(mmap(address, PAGE, PROT_READ, MAP_SHARED | MAP_FIXED, (int)ox_pmem_backing_storage_fd_pliv(), 3 * PAGE) ==
+        address);
+}
+
 /* The heap itself is left out of core files: what the commands need of it lies elsewhere. */
 static void keep_core_small(void) {
   FILE* const filter = fopen("/proc/self/coredump_filter", "w");
@@ -137,6 +143,7 @@ int main(void) {
   fill_other_space();
   CHECK(ox_pmem_fund_account_pliv(0, 2, -2UL * PAGE) == 0);
   CHECK(ox_create_pzone_pliv(128 * PAGE, 256 * PAGE, 512 * PAGE, 1) == 2);  // large, and without memory
+  map_another_page_over(OTHER_SPACE + 109 * PAGE);                          // where physical page 24 belongs
   check_numbers();
   heap_is_built();
   return 0;

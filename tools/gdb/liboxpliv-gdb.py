@@ -411,26 +411,26 @@ class FixedAddresses(Table):
 class Mappings:
     """What the system says that is mapped, which the records may be compared with."""
 
-    LINE = re.compile(r"^\s*0x(\w+)\s+0x(\w+)\s+0x\w+\s+0x(\w+)\s+(?:([rwxps-]{4})\s+)?/")
+    LINE = re.compile(r"^\s*0x(\w+)\s+0x(\w+)\s+0x\w+\s+0x(\w+)\s+(?:([rwxps-]{4})\s+)?(/.*)$")
 
     def __init__(self):
         try:
             lines = gdb.execute("info proc mappings", to_string=True).splitlines()
         except gdb.error:
             lines = []
-        found = [self.LINE.match(line) for line in lines]
-        self.files = [([int(text, 16) for text in match.groups()[:3]], match[4]) for match in found if match]
+        found = filter(None, map(self.LINE.match, lines))
+        self.files = [([int(text, 16) for text in match.groups()[:3]], match[4], match[5]) for match in found]
 
     def describe(self, address, page):
         """What lies at an address where a physical page ought to be mapped."""
         if not self.files:
             return ""
-        for (start, end, offset), permissions in self.files:
+        for (start, end, offset), permissions, file in self.files:
             if start <= address < end:
                 mapped = (address - start + offset) >> PAGE_SHIFT
-                if permissions and permissions.endswith("p"):
-                    break
-                return "mapped %s" % (permissions or "") if mapped == page else "physical page %d is mapped" % mapped
+                if mapped != page:
+                    return "page %d of %s is mapped" % (mapped, file)
+                return "mapped %s" % (permissions or "")
         return "not mapped"
 
 
