@@ -36,7 +36,8 @@ Finding judge_memory(const Facts& facts, const Heap& heap) {
   return finding;
 }
 
-// The pages of a memory file or tmpfs are counted one commit at a time; hugetlbfs is not counted at all.
+// With strict accounting the library's table counts as a whole at once, and the pages of a memory file or tmpfs count as
+// they are committed. Pages of hugetlbfs are not counted.
 Finding judge_overcommit(const Facts& facts, const Heap& heap) {
   Finding finding{"overcommit", "overcommit", State::kOk, "", "", {}, {}};
   const Memory& memory = facts.memory;
@@ -48,23 +49,25 @@ Finding judge_overcommit(const Facts& facts, const Heap& heap) {
     return finding;
   }
   finding.found = "vm.overcommit_memory is " + std::to_string(*facts.kernel.overcommit_memory);
-  if (*facts.kernel.overcommit_memory != kStrict || takes_explicit_pages(facts, heap)) {
+  if (*facts.kernel.overcommit_memory != kStrict) {
     finding.meaning = "No commit of this heap is refused for it.";
     return finding;
   }
+  const bool explicit_pages = takes_explicit_pages(facts, heap);
+  const uint64_t for_start = kAddressTableBytes + (explicit_pages ? 0 : heap.initial_bytes);
+  const uint64_t for_all = kAddressTableBytes + (explicit_pages ? 0 : heap.max_bytes);
   const uint64_t limit = memory.commit_limit.value_or(0);
   const uint64_t taken = memory.committed.value_or(0);
   const uint64_t room = limit > taken ? limit - taken : 0;
   finding.found += " (strict): " + in_words(room) + " are left of a limit of " + in_words(limit);
-  if (room >= heap.max_bytes) {
-    finding.meaning = "Each committed page counts; all of the heap's pages have room.";
-    return finding;
+  finding.meaning = "A table of the library counts " + in_words(kAddressTableBytes) +
+                    (explicit_pages ? ", explicit huge pages don't count." : ", and each committed page counts.");
+  if (room < for_all) {
+    finding.state = room < for_start ? State::kProblem : State::kWarning;
+    finding.meaning += room < for_start ? " The heap can't start, although memory is free."
+                                        : " The heap can't grow to its maximum, although memory is free.";
+    finding.commands = {"sysctl vm.overcommit_memory=0"};
   }
-  finding.state = room < heap.initial_bytes ? State::kProblem : State::kWarning;
-  finding.meaning =
-      "Each committed page counts: commits beyond that are refused as out of memory, although memory is "
-      "free.";
-  finding.commands = {"sysctl vm.overcommit_memory=0"};
   return finding;
 }
 

@@ -5,22 +5,23 @@ namespace oxcheck {
 namespace {
 
 constexpr uint64_t kMapMargin = 2000;            // mappings of the program, its libraries and its threads
-constexpr uint64_t kAddressMargin = 512 * kMib;  // the same in bytes, with the library's tables
+constexpr uint64_t kAddressMargin = 512 * kMib;  // the same in bytes, with what the library keeps of each page
 constexpr uint64_t kUserAddresses = uint64_t{1} << 47;
 
-// A soft limit goes up to the hard one; only root moves that.
-void raise_limit(const Limit& limit, char letter, uint64_t needed, uint64_t unit, Finding& finding) {
-  const std::string option = std::string(" -") + letter + " ";
+// A soft limit goes up to the hard one; only root moves that. Shells count in units of their own, prlimit does not.
+void raise_limit(const Limit& limit, const std::string& option, uint64_t needed, const std::string& enough,
+                 Finding& finding) {
+  const std::string command = "prlimit --pid $$ --" + option + "=";
   const uint64_t hard = limit.hard.value_or(0);
   if (hard == kUnlimited) {
-    finding.commands = {"ulimit -S" + option + "unlimited"};
+    finding.commands = {command + "unlimited:"};
   } else if (hard >= needed) {
-    finding.commands = {"ulimit -S" + option + std::to_string(hard / unit)};
+    finding.commands = {command + std::to_string(hard) + ":"};
   } else {
-    finding.commands = {"ulimit" + option + "unlimited"};
-    finding.meaning += " The hard limit, of " + in_words(hard) +
-                       ", is too low as well: only root can raise it, in the "
-                       "shell or service that starts the program.";
+    finding.commands = {command + enough};
+    finding.meaning +=
+        " The hard limit is too low as well: only root can raise it, in the shell or service that starts "
+        "the program.";
   }
 }
 
@@ -58,24 +59,26 @@ Finding judge_max_map_count(const Facts& facts, const Heap& heap) {
 Finding judge_address_space(const Facts& facts, const Heap& heap) {
   Finding finding{"address_space", "address space", State::kOk, "", "", {}, {}};
   const Limit& limit = facts.process.address_space;
+  constexpr uint64_t kOthers = kAddressTableBytes + kAddressMargin;
   // The product of what a command line can ask for may be larger than a number.
-  const bool beyond = heap.max_bytes > (kUserAddresses - kAddressMargin) / heap.aliases;
-  const uint64_t needed = beyond ? kUserAddresses : heap.max_bytes * heap.aliases + kAddressMargin;
+  const bool beyond = heap.max_bytes > (kUserAddresses - kOthers) / heap.aliases;
+  const uint64_t needed = beyond ? kUserAddresses : heap.max_bytes * heap.aliases + kOthers;
   if (!limit.soft) {
     note_unknown("address space limit", finding);
     return finding;
   }
   finding.found =
       *limit.soft == kUnlimited ? "no limit (RLIMIT_AS)" : "a limit of " + in_words(*limit.soft) + " (RLIMIT_AS)";
-  finding.meaning = "The aliases and the rest of the program take about " + in_words(needed) + ".";
+  finding.meaning = "The aliases, a table of " + in_words(kAddressTableBytes) +
+                    " and the rest of the program take about " + in_words(needed) + ".";
   if (beyond) {
     finding.state = State::kProblem;
     finding.meaning = "The aliases do not fit into a process, which has " + in_words(kUserAddresses) +
                       " of addresses: use fewer, or a smaller heap.";
   } else if (*limit.soft < needed) {
     finding.state = State::kProblem;
-    finding.meaning += " Reserving the aliases fails.";
-    raise_limit(limit, 'v', needed, kKib, finding);
+    finding.meaning += " Initialization or reserving the aliases fails.";
+    raise_limit(limit, "as", needed, "unlimited", finding);
   }
   return finding;
 }
@@ -95,8 +98,7 @@ Finding judge_file_size_limit(const Facts& facts, const Heap& heap) {
     finding.meaning +=
         " Making it so long ends the process by SIGXFSZ, also in memory; where that is ignored, the "
         "accounts get no maxima.";
-    // The shell counts blocks of 512 bytes in one implementation and of 1024 in another: a number would be doubtful.
-    raise_limit({limit.soft, limit.hard == kUnlimited ? limit.hard : Known(0)}, 'f', heap.max_bytes, kKib, finding);
+    raise_limit(limit, "fsize", heap.max_bytes, "unlimited", finding);
   }
   return finding;
 }
@@ -126,7 +128,7 @@ Finding judge_open_files_limit(const Facts& facts, const Heap&) {
   if (*limit.soft < kFew) {
     finding.state = State::kWarning;
     finding.meaning += " So low a limit may be used up by the rest of the program before the library starts.";
-    raise_limit(limit, 'n', kFew, 1, finding);
+    raise_limit(limit, "nofile", kFew, "1024", finding);
   }
   return finding;
 }

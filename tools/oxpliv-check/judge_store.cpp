@@ -74,7 +74,12 @@ void judge_none(const Facts& facts, const Heap& heap, const Store& store, Findin
         "need tmpfs: see the pool first.";
     return;
   }
-  if (!heap.path && !facts.container.empty()) {
+  for (const Directory& directory : facts.directories) {
+    if (!heap.path && why_unsuitable(directory, explicit_pages, heap.max_bytes).empty()) {
+      finding.meaning += " " + directory.path + " would do: name it as the path for the backing file.";
+    }
+  }
+  if (!heap.path && !explicit_pages && !facts.container.empty()) {
     finding.meaning +=
         " For a container, the size of /dev/shm is given when it is started, for example with "
         "--shm-size=" +
