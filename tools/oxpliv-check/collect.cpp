@@ -136,7 +136,8 @@ int collect_memory_file_error(const Files& files, const Kernel& kernel, bool hug
   if (huge_pages && kernel.version < kFirstWithHugeMemoryFiles) {
     return EINVAL;
   }
-  return kernel.memfd_noexec.value_or(0) >= 2 ? EACCES : 0;
+  constexpr std::array<int, 3> kFirstThatSealsUnasked = {6, 6, 0};  // earlier ones refuse those who do not ask
+  return kernel.version < kFirstThatSealsUnasked && kernel.memfd_noexec.value_or(0) >= 2 ? EACCES : 0;
 }
 
 Facts collect(const Files& files, const Heap& heap) {
