@@ -43,7 +43,7 @@ TEST(MemoryCheck, UnknownMemory_IsAWarning) {
 TEST(Overcommit, OtherModesThanStrict_AreOkHoweverLittleIsLeft) {
   Facts facts = healthy();
   facts.memory.committed = facts.memory.commit_limit;
-  for (const uint64_t mode : {0, 1}) {
+  for (const uint64_t mode : {0U, 1U}) {
     facts.kernel.overcommit_memory = mode;
     EXPECT_EQ(judge_overcommit(facts, heap_of()).state, State::kOk) << mode;
   }

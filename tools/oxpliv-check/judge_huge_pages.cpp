@@ -61,7 +61,8 @@ void judge_pool(const Facts& facts, const Heap& heap, Finding& finding) {
   ask_for_pool(facts, less(for_all, unpromised), finding);
 }
 
-// What the system must say for a memory file.
+// What the system must say for a memory file. The setting for pages of 2 MiB holds where they come by touching, so not
+// where allocating the file's blocks brings them.
 void judge_memory_file(const Facts& facts, Finding& finding) {
   const Kernel& kernel = facts.kernel;
   const std::string& word = kernel.transparent_shmem;
@@ -79,7 +80,7 @@ void judge_memory_file(const Facts& facts, Finding& finding) {
                            : ": small pages are used.";
     finding.commands.push_back("echo advise > " + std::string(kTransparent) + "shmem_enabled");
   }
-  if (kernel.transparent_2m == "never") {
+  if (kernel.transparent_2m == "never" && word != "always") {
     finding.state = State::kWarning;
     finding.found += ", for 2 MiB pages never";
     finding.meaning += std::string(finding.meaning.empty() ? "" : " ") +
