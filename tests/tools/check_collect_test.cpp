@@ -94,13 +94,13 @@ TEST_F(Collect, Limits_AreReadSoftAndHard) {
 TEST_F(Collect, MountLine_IsReadWithAndWithoutOptionalFields) {
   put("/proc/self/mountinfo",
       "30 25 0:27 / /dev/shm rw,relatime shared:4 master:1 - tmpfs tmpfs rw,size=65536k\n"
-      "31 25 0:28 /sub /mnt/a\\040b rw - hugetlbfs none rw,pagesize=1G\n"
+      "31 25 0:28 /sub /mnt/a\\040b\\x rw - hugetlbfs none rw,pagesize=1G\n"
       "too short - tmpfs\n");
   const std::vector<Mount> mounts = collect_mounts(files());
   ASSERT_EQ(mounts.size(), 2);
   EXPECT_EQ(mounts[0].point, "/dev/shm");
   EXPECT_EQ(option_of(mounts[0], "size"), "65536k");
-  EXPECT_EQ(mounts[1].point, "/mnt/a b");
+  EXPECT_EQ(mounts[1].point, "/mnt/a b\\x");
   EXPECT_EQ(mounts[1].root, "/sub");
   EXPECT_EQ(mounts[1].type, "hugetlbfs");
 }

@@ -135,6 +135,14 @@ TEST(HugePagePool, PagesOnDemand_CountForGrowthButNotForTheStart) {
   EXPECT_THAT(pool(facts), Says(State::kProblem, "free pages alone", Commands{"sysctl vm.nr_hugepages=2048"}));
 }
 
+TEST(HugePagePool, PagesOnDemand_StandInForPromisedOnesAtTheStart) {
+  Facts facts = with_pool(128, 128, 100);
+  facts.kernel.overcommit_huge_pages = 100;
+  EXPECT_THAT(pool(facts), Says(State::kWarning, "can't grow beyond 256 MiB", Commands{"sysctl vm.nr_hugepages=2148"}));
+  facts.kernel.overcommit_huge_pages = 99;
+  EXPECT_EQ(pool(facts).state, State::kProblem);
+}
+
 TEST(HugePagePool, PagesOfAnotherSize_AreCountedInThatSize) {
   Facts facts = with_pool(3, 3);
   facts.memory.huge_page_bytes = 1 * kGib;

@@ -30,6 +30,7 @@ TEST(ControlGroups, ThatCanNotBeSeen_AreOkAndTold) {
 TEST(ControlGroups, LimitLargerThanTheHeapAndWhatIsInUse_IsOk) {
   EXPECT_THAT(groups({{Kind::kMemory, "/g/memory.max", 5 * kGib, 1 * kGib}}),
               Says(State::kOk, "5 GiB (/g/memory.max), of which 1 GiB are in use", Commands{}));
+  EXPECT_EQ(groups({{Kind::kMemory, "/g/memory.max", 4 * kGib, 0}}).state, State::kOk);
 }
 
 TEST(ControlGroups, LimitThatOthersHaveUsedUp_IsAWarning) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 
 #include "collect.hpp"
 #include "mounts.hpp"
@@ -11,12 +12,14 @@
 namespace oxcheck {
 namespace {
 
-// Blanks and the like stand as octal numbers: "/mnt/a\040b".
+// Blanks and the like stand as octal numbers of three digits: "/mnt/a\040b".
 std::string unescaped(const std::string& text) {
   std::string result;
   for (size_t at = 0; at < text.size(); ++at) {
-    if (text[at] == '\\' && at + 3 < text.size()) {
-      result += static_cast<char>(std::stoi(text.substr(at + 1, 3), nullptr, 8));
+    unsigned letter = 0;
+    const char* const digits = text.data() + at + 1;
+    if (text[at] == '\\' && at + 3 < text.size() && std::from_chars(digits, digits + 3, letter, 8).ptr == digits + 3) {
+      result += static_cast<char>(letter);
       at += 3;
     } else {
       result += text[at];
