@@ -19,6 +19,7 @@ struct Object {
   uint64_t header;  // raw bytes << 32 | references << 1, or new address | 1
 
   static constexpr uint64_t kAlignment = 8;
+  static constexpr uint32_t kMostReferences = 0x7fffffff;
   static constexpr uint64_t kLargestRaw = UINT32_MAX;
 
   static constexpr uint64_t header_for(uint32_t references, uint64_t raw_bytes) {
@@ -28,7 +29,7 @@ struct Object {
     return 8 + 8 * uint64_t{references} + (raw_bytes + 7) / 8 * 8;
   }
 
-  uint32_t references() const { return static_cast<uint32_t>(header >> 1 & 0x7fffffff); }
+  uint32_t references() const { return static_cast<uint32_t>(header >> 1 & kMostReferences); }
   uint64_t raw_bytes() const { return header >> 32; }
   uint64_t size() const { return size_for(references(), raw_bytes()); }
 

@@ -46,8 +46,8 @@ Mutator::~Mutator() {
 // thread is back.
 Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
   poll();
-  if (raw_bytes > Object::kLargestRaw) {
-    throw OutOfMemory(raw_bytes);
+  if (references > Object::kMostReferences || raw_bytes > Object::kLargestRaw) {
+    throw OutOfMemory(std::max(uint64_t{references} * sizeof(Object*), raw_bytes));
   }
   const uint64_t size = Object::size_for(references, raw_bytes);
   const bool large = size >= Heap::kLargeObject;
@@ -207,6 +207,9 @@ void Runtime::resize(uint64_t used_pages, uint64_t wanted) {
     const uint64_t kept = used_pages + _heap.cached_pages();
     _heap.recycle(kept > goal ? std::min(_heap.cached_pages(), kept - goal) : 0);
     const uint64_t shrunk = _memory.shrink(fund - goal);
+    if (shrunk == 0) {  // others have use for all of it
+      return;
+    }
     log("            gave back %luM, for a heap of %luM; the system held %luM for us, now %luM", mib_of(shrunk),
         mib_of(_memory.heap_fund_pages()), held >> 20, Memory::bytes_in_backing_file() >> 20);
   }

@@ -95,6 +95,7 @@ TEST_F(OutOfMemoryOf, AnObjectLargerThanWhatAHeaderCanTell_IsThrown) {
   start(8, 20);
   runtime->with_thread([&](Mutator& mutator) {
     EXPECT_THROW(mutator.allocate(0, Object::kLargestRaw + 1), OutOfMemory);
+    EXPECT_THROW(mutator.allocate(Object::kMostReferences + 1, 0), OutOfMemory);
     EXPECT_THROW(mutator.allocate(0, UINT64_MAX), OutOfMemory);
     EXPECT_THROW(mutator.allocate(1, UINT64_MAX - 7), OutOfMemory);
   });
