@@ -65,18 +65,41 @@ TEST_F(Contract, SharedPremappedPages_ThatAreNoBlock_EndTheProcess) {
   EXPECT_END(release(target, share(0, 2), 2), "src/pmem/pmem_pageInfo.inline", "Page not in allocated state");
 }
 
-TEST_F(Contract, SharedBlock_StillBeingAllocated_EndsTheProcess) {
+TEST_F(Contract, BlockUsedBeforeItsCallHasReturned_EndsTheProcess) {
   start_uncommitted(8, 32);
   zone(0, 8, 16, false);
-  const long source = plain_space(4);
-  char* const place = allocate(source, 2);  // where the next block of this size will be
-  ASSERT_EQ(release(source, place, 2), 0);
-  const long target = plain_space(4);
+  const long source = space(4, 0, 0, 0);
+  char* const place = alias(source, 4);  // where the first block will be
+  const long target = space(4, 0, 0, 0);
+  char* const target_place = alias(target, 4);
+  const auto share = [=](uint64_t count) {
+    return ox().multimap_between_spaces(source, place, pages(count), target, 0, 0);
+  };
+
   hooks().fallocate = [=](int, off64_t, off64_t) {
-    ox().multimap_between_spaces(source, place, pages(3), target, 0, 0);
+    share(3);
     return 0;
   };
   EXPECT_END(try_allocate(source, 3), "src/vmem/vmem_pageManager", "Unexpected state");
+  hooks().fallocate = nullptr;
+
+  refusals().map = [=](void* address, size_t) {
+    if (address == place) {
+      share(1);
+      release(source, place, 1);
+    }
+    return 0;
+  };
+  EXPECT_END(try_allocate(source, 1), "src/vmem/vmem_spaceManager", "Incrementing active ref count failed in allocate");
+  refusals().map = [=](void* address, size_t) {
+    if (address == target_place) {
+      release(target, target_place, 1);
+    }
+    return 0;
+  };
+  ASSERT_EQ(allocate(source, 1), place);
+  EXPECT_END(share(1), "src/vmem/vmem_spaceManager",
+             "Incrementing active ref count failed during multimap from space");
 }
 
 TEST_F(Contract, FixedAddress_ThatCannotBeMapped_EndsTheProcess) {
@@ -94,20 +117,6 @@ TEST_F(Contract, FixedAddress_ThatCannotBeMapped_EndsTheProcess) {
   EXPECT_EQ(ox().mmap(place, kPage, kReadWrite, 2, 0), 0);
 }
 
-TEST_F(Contract, TwoThreadsAtOneFixedAddress_EndTheProcess) {
-  start(8, 16);
-  zone(0, 8, 16);
-  char* const place = reserve_tracked(1);
-  refusals().map = [place, first = true](void* address, size_t) mutable {
-    if (address == place && std::exchange(first, false)) {
-      std::thread([place] { ox().mmap(place, kPage, kReadWrite, 2, 0); }).join();
-    }
-    return 0;
-  };
-  EXPECT_END(ox().mmap(place, kPage, kReadWrite, 2, 0), "src/vmem/vmem_fixedAddressPageInfo",
-             "Invalid pageinfo values for free page");
-}
-
 // Calls the handler between any two instructions of this thread, where another thread could be as well: the processor
 // traps after each while its trap flag is set.
 void interrupt_each_instruction(void (*handler)(int)) {
@@ -121,17 +130,68 @@ void interrupt_each_instruction(void (*handler)(int)) {
           : "cc", "memory");
 }
 
-char* looked_up = nullptr;
+char* interrupted = nullptr;  // the address that handlers look at
+char* elsewhere = nullptr;    // where they may allocate
+
+// Frees the second of two pages, once, when the first has been freed by the interrupted call and the second has not. The
+// page itself is in other hands again by then.
+void free_the_second_page_too(int) {
+  errno = 0;
+  ox().mmap(interrupted, kPage, kReadWrite, 7, 0);  // this account has nothing: EFAULT while the first page is in use
+  if (errno == ENOMEM) {
+    std::signal(SIGTRAP, [](int) {});
+    ox().mmap(elsewhere, pages(2), kReadWrite, 2, 0);
+    ox().munmap(interrupted + kPage, kPage, 2, 0);
+  }
+}
+
+TEST_F(Contract, TwoThreadsAtOneFixedAddress_EndTheProcess) {
+  start(8, 16);
+  zone(0, 8, 16);
+  interrupted = reserve_tracked(2);
+  refusals().map = [first = true](void* address, size_t) mutable {
+    if (address == interrupted && std::exchange(first, false)) {
+      std::thread([] { ox().mmap(interrupted, kPage, kReadWrite, 2, 0); }).join();
+    }
+    return 0;
+  };
+  EXPECT_END(ox().mmap(interrupted, kPage, kReadWrite, 2, 0), "src/vmem/vmem_fixedAddressPageInfo",
+             "Invalid pageinfo values for free page");
+  refusals().map = nullptr;
+
+  // Between two instructions a second call begins, which nobody could grant: it has no account, or frees too much.
+  EXPECT_END(
+      {
+        interrupt_each_instruction([](int) { ox().mmap(interrupted, kPage, kReadWrite, 7, 0); });
+        ox().mmap(interrupted, kPage, kReadWrite, 2, 0);
+      },
+      "src/vmem/vmem_fixedAddressPageInfo", "page offset on free page?");
+  ASSERT_EQ(ox().mmap(interrupted, kPage, kReadWrite, 2, 0), 0);
+  EXPECT_END(
+      {
+        interrupt_each_instruction([](int) { ox().munmap(interrupted, pages(2), 2, 0); });
+        ox().munmap(interrupted, kPage, 2, 0);
+      },
+      "src/vmem/vmem_fixedAddressPageInfo", "no page offset on allocated page?");
+  ASSERT_EQ(ox().mmap(interrupted + kPage, kPage, kReadWrite, 2, 0), 0);
+  elsewhere = reserve_tracked(2);
+  EXPECT_END(
+      {
+        interrupt_each_instruction(free_the_second_page_too);
+        ox().munmap(interrupted, pages(2), 2, 0);
+      },
+      "src/vmem/vmem_fixedAddressPageInfo", "Invalid pageinfo values for allocating page");
+}
 
 TEST_F(Contract, FixedAddress_LookedUpWhileItIsFreed_EndsTheProcess) {
   start(8, 16);
   zone(0, 8, 16);
-  looked_up = reserve_tracked(1);
-  ASSERT_EQ(ox().mmap(looked_up, kPage, kReadWrite, 2, 0), 0);
+  interrupted = reserve_tracked(1);
+  ASSERT_EQ(ox().mmap(interrupted, kPage, kReadWrite, 2, 0), 0);
   EXPECT_END(
       {
-        interrupt_each_instruction([](int) { offset_of(-1, looked_up); });
-        ox().munmap(looked_up, kPage, 2, 0);
+        interrupt_each_instruction([](int) { offset_of(-1, interrupted); });
+        ox().munmap(interrupted, kPage, 2, 0);
       },
       "src/vmem/vmem_fixedAddressManager", "NoPage on an allocated page?");
 }

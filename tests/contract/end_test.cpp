@@ -12,10 +12,16 @@ TEST_F(Contract, PageBeyondTheMaximumCommit_EndsTheProcess) {
              "Out of bounds PMEM Page Num");
 }
 
-TEST_F(Contract, Buffers_ThatAreNotThere_Fault) {
+TEST_F(Contract, Buffers_ThatAreTooSmall_Fault) {
+  start(8, 16);
   expect_fault(SIGSEGV, [] {
     uint64_t length = 0;
     ox().qrv_version(nullptr, &length);
+  });
+  char* const elsewhere = reserve(1);
+  expect_fault(SIGSEGV, [elsewhere] {
+    const uint64_t size = 0;  // 720 bytes are written all the same
+    ox().pmem_get_account_usage(kAny, elsewhere, &size);
   });
 }
 
