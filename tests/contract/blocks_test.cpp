@@ -38,8 +38,8 @@ TEST_F(Contract, SharedBlock_ThatLeavesThePremappedRegion_EndsTheProcess) {
   const long source = space(16, 4, 0, 0);
   char* const base = alias(source, 16);
   const long target = plain_space(16);
-  EXPECT_END(ox().multimap_between_spaces(source, base + pages(3), pages(2), target, 0, 0),
-             "src/vmem/vmem_pageManager", "Block partially premapped");
+  EXPECT_END(ox().multimap_between_spaces(source, base + pages(3), pages(2), target, 0, 0), "src/vmem/vmem_pageManager",
+             "Block partially premapped");
 }
 
 TEST_F(Contract, SharedPremappedPages_ThatAreNoBlock_EndTheProcess) {
@@ -98,8 +98,7 @@ TEST_F(Contract, BlockUsedBeforeItsCallHasReturned_EndsTheProcess) {
     return 0;
   };
   ASSERT_EQ(allocate(source, 1), place);
-  EXPECT_END(share(1), "src/vmem/vmem_spaceManager",
-             "Incrementing active ref count failed during multimap from space");
+  EXPECT_END(share(1), "src/vmem/vmem_spaceManager", "Incrementing active ref count failed during multimap from space");
 }
 
 TEST_F(Contract, FixedAddress_ThatCannotBeMapped_EndsTheProcess) {
@@ -201,8 +200,7 @@ TEST_F(Contract, Reservation_ThatCannotBeUndone_EndsTheProcess) {
   char* const taken = free_window(1);
   ASSERT_EQ(ox().mreserve(taken, kPage, kNoTracking), 0);
   refusals().unmap = [] { return ENOMEM; };  // at the system's limit of mappings, a part of one can't be taken away
-  EXPECT_END(ox().mreserve(taken, kPage, kNoTracking), "src/oxpliv/ox_memory_pliv",
-             "munmap failed during ox_mreserve");
+  EXPECT_END(ox().mreserve(taken, kPage, kNoTracking), "src/oxpliv/ox_memory_pliv", "munmap failed during ox_mreserve");
 }
 
 TEST_F(Contract, FailedMapping_IsRememberedAsOneThatWasMade) {

@@ -48,9 +48,10 @@ TEST_F(Contract, RefreshedPages_AreNeverGivenBack) {
 }
 
 TEST_F(Contract, HeapExhausted_WhilePagesChangeTheirLists_EndsTheProcess) {
-  start(6, 16);
+  start(6, 32);
   ox().set_log_callback(nullptr, OX_PLIV_LOG_ALWAYS);  // keeping lines takes heap memory too
-  zone(0, 6, 16);
+  zone(0, 6, 8);
+  zone(16, 2, 4);  // two pages without memory, and later two with it
   const long id = plain_space(8);
   char* const first = allocate(id, 1);
   char* const fixed = reserve_tracked(1);
@@ -78,6 +79,12 @@ TEST_F(Contract, HeapExhausted_WhilePagesChangeTheirLists_EndsTheProcess) {
   allocate(id, 2);
   EXPECT_END(with_heap_exhausted([] { grow(1); }), "src/pmem/pmem_pageZone",
              "failure in allocating freelist not handled now");
+  const long other = plain_space(4);
+  ASSERT_EQ(ox().register_pzone_for_space(other, 1), 0);
+  ASSERT_EQ(grow(4), 0);
+  run_out_of_memory();
+  EXPECT_END(with_heap_exhausted([=] { try_allocate(other, 1); }), "src/pmem/pmem_pageZone",
+             "Returned PMEM page even though allocation failed");
   with_heap_exhausted([=] { EXPECT_EQ(release(id, first, 1), -1); });
 }
 

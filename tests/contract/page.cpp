@@ -11,7 +11,6 @@ namespace {
 constexpr std::string_view kIndexHeading = "## By message";
 constexpr std::string_view kUnreachableHeading = "## Messages that no call leads to";
 
-
 // What stands between each pair of these marks.
 std::vector<std::string> between(const std::string& text, std::string_view open, std::string_view close) {
   std::vector<std::string> found;

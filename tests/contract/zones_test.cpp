@@ -71,10 +71,8 @@ TEST_F(Contract, InitialPages_OfMoreThanFourPebibytes_EndTheProcessInAPrefill) {
   for (uint64_t i = 0; i < kZones; ++i) {
     zone(i, kPages - i, 1);
   }
-  EXPECT_END(ox().pmem_prefill_scrubbed_freelist_chunk(kAny, 1), "src/pmem/pmem",
-             "overflow of counter during funding");
+  EXPECT_END(ox().pmem_prefill_scrubbed_freelist_chunk(kAny, 1), "src/pmem/pmem", "overflow of counter during funding");
 }
-
 
 TEST_F(Contract, PageFromTheMiddle_OfABlockZone_EndsTheProcessLater) {
   start_uncommitted(16, 32);
