@@ -51,6 +51,8 @@ TEST_F(Contract, PagesCommittedForAnotherAccount_EndTheProcessWhenMemoryIsShort)
   const long id = plain_space(16);
   allocate(id, 4, 5);  // charged to account 5, committed for account 2
   EXPECT_END(try_allocate(id, 1, 5), "src/pmem/pmem", "unexpected inconsistency in balance");
+  ASSERT_EQ(ox().register_pzone_for_space(id, 0), 0);
+  EXPECT_EQ(try_allocate(id, 1, 5), -1);  // a space with a pzone of its own leaves the fund alone
 }
 
 TEST_F(Contract, Prefill_WithoutAFund_EndsTheProcess) {

@@ -217,6 +217,21 @@ TEST_F(Contract, FailedMapping_IsRememberedAsOneThatWasMade) {
   EXPECT_EQ(ox().get_total_mapped_size(), 0);  // and yet one page is mapped
 }
 
+TEST_F(Contract, MappingOverAnother_IsCountedTwice) {
+  start(8, 16);
+  zone(0, 8, 16);
+  const long id = space(16, 4, 0, kMapAll);
+  char* const view = alias(id, 16);
+  ASSERT_EQ(ox().multimap_within_space(id, view, pages(4), PROT_READ, 0), 0);
+  EXPECT_EQ(ox().get_total_mapped_size(), static_cast<int64_t>(pages(8)));
+  char* const fixed = reserve_tracked(1);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(ox().mmap(fixed, kPage, kReadWrite, 2, 0), 0);
+    ASSERT_EQ(ox().munmap(fixed, kPage, 2, 0), 0);
+  }
+  EXPECT_EQ(ox().get_total_mapped_size(), static_cast<int64_t>(pages(10)));
+}
+
 TEST_F(Contract, CachedBlock_OfAFailedAllocation_IsHandedOutPartlyMapped) {
   start(8, 16);
   zone(8, 8, 8);

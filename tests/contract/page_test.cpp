@@ -5,11 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
 namespace oxcontract {
@@ -47,49 +47,77 @@ std::multiset<std::string> tests_that_exist() {
   return names;
 }
 
-// What stands between the parenthesis at `open` and its partner, string literals and all.
+bool is_word(char letter) {
+  return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '_';
+}
+
+// Where a word of the source, or one with its parenthesis, stands by itself, from a place on.
+size_t find_word(const std::string& source, const std::string& word, size_t from) {
+  const auto stands_alone = [&](size_t place) {
+    const size_t end = place + word.size();
+    const bool begins = place == 0 || !is_word(source[place - 1]);
+    const bool ends = !is_word(word.back()) || end == source.size() || !is_word(source[end]);
+    return begins && ends;
+  };
+  size_t place = source.find(word, from);
+  while (place != std::string::npos && !stands_alone(place)) {
+    place = source.find(word, place + 1);
+  }
+  return place;
+}
+
+// From the parenthesis at `open` to its partner, string literals and all.
 std::string argument_list(const std::string& source, size_t open) {
   int depth = 0;
   bool quoted = false;
   size_t end = open;
-  for (; end < source.size(); ++end) {
+  do {
     quoted = source[end] == '"' ? !quoted : quoted;
     depth += quoted ? 0 : (source[end] == '(') - (source[end] == ')');
-    if (depth == 0) {
-      break;
-    }
-  }
-  return source.substr(open + 1, end - open - 1);
+    ++end;
+  } while (depth != 0 && end < source.size());
+  return source.substr(open, end - open);
 }
 
-template <typename Take>
-void for_each_match(const std::string& text, const std::string& pattern, Take take) {
-  const std::regex regex(pattern);
-  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
-    take(*match);
+// The string literal that begins after a quotation mark.
+std::string literal_at(const std::string& source, size_t start) {
+  return source.substr(start, source.find('"', start) - start);
+}
+
+// Constants of text, by their names.
+std::map<std::string, std::string> constants_in(const std::string& source) {
+  const std::string type = "constexpr const char* ";
+  const std::string value = " = \"";
+  std::map<std::string, std::string> constants;
+  for (size_t place = source.find(type); place != std::string::npos; place = source.find(type, place + 1)) {
+    const size_t name = place + type.size();
+    const size_t end = source.find_first_of(" [;", name);
+    if (source.compare(end, value.size(), value) == 0) {
+      constants[source.substr(name, end - name)] = literal_at(source, end + value.size());
+    }
   }
+  return constants;
 }
 
 // The messages that a source file ends the process with: literals, and constants by their names, given to die() or to a
 // function that hands them on to it.
 void collect_messages(const std::string& source, Texts& messages) {
-  std::map<std::string, std::string> constants;
-  for_each_match(source, R"re(const char\* (\w+) = "([^"]*)")re",
-                 [&](const std::smatch& constant) { constants[constant[1]] = constant[2]; });
-  const auto take = [&](const std::string& arguments) {
-    for_each_match(arguments, R"re("([^"]*)"|\b(k\w+)\b)re", [&](const std::smatch& message) {
-      if (message[1].matched) {
-        messages.insert(message[1]);
-      } else if (const auto constant = constants.find(message[2]); constant != constants.end()) {
-        messages.insert(constant->second);
+  const auto constants = constants_in(source);
+  for (const std::string call : {"die(", "existing_page_info(", "check_state(", "check_allocated(", "visit_funded("}) {
+    for (size_t place = find_word(source, call, 0); place != std::string::npos;
+         place = find_word(source, call, place + 1)) {
+      const std::string arguments = argument_list(source, place + call.size() - 1);
+      for (size_t quote = arguments.find('"'); quote != std::string::npos; quote = arguments.find('"', quote + 1)) {
+        messages.insert(literal_at(arguments, quote + 1));
+        quote = arguments.find('"', quote + 1);
       }
-    });
-  };
-  for_each_match(source, R"re(\b(die|existing_page_info|check_state|check_allocated|visit_funded)\()re",
-                 [&](const std::smatch& call) {
-                   const auto open = static_cast<size_t>(call.position() + call.length() - 1);
-                   take(argument_list(source, open));
-                 });
+      for (const auto& [name, text] : constants) {
+        if (find_word(arguments, name, 0) != std::string::npos) {
+          messages.insert(text);
+        }
+      }
+    }
+  }
 }
 
 Texts messages_in_the_sources() {

@@ -57,6 +57,10 @@ __attribute__((visibility("default"))) void* operator new(size_t bytes) {
   return memory;
 }
 
+__attribute__((visibility("default"))) void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+  return oxcontract::memory_or_null(bytes);
+}
+
 __attribute__((visibility("default"))) void operator delete(void* memory) noexcept {
   std::free(memory);
 }
