@@ -21,8 +21,8 @@ TEST_F(Contract, SecondStart_AfterOneWithoutAddressSpace_EndsTheProcessLater) {
   EXPECT_EQ(ox().initialize(&config), -1);
   refusals().map = nullptr;
   EXPECT_EQ(ox().initialize(&config), 0);  // the failed step is not tried again
-  char* const place = free_window(1);
-  EXPECT_END(ox().mreserve(place, kPage, 0), "src/vmem/vmem_fixedAddressPageInfo",
+  char* const place = reserve(1);
+  EXPECT_END(ox().mmap(place, kPage, kReadWrite, 2, 0), "src/vmem/vmem_fixedAddressPageInfo",
              "VMEM fixed_address_pageinfo_base is NULL");
 }
 
