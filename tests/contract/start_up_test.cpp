@@ -37,17 +37,5 @@ TEST_F(Contract, ZonePrefundedBeforeTheMaximum_LosesItsMemory) {
   EXPECT_EQ(ox().pmem_is_funded(static_cast<int64_t>(pages(8))), 1);
 }
 
-void grow_the_file_from_its_own_log_line(ox_pliv_log_level_t, const char* message) {
-  if (std::strstr(message, "resized") != nullptr) {
-    ox().pmem_set_account_maximum(kAny, 3, kPage);
-  }
-}
-
-TEST_F(Contract, LogCallback_ThatCallsTheLibrary_Hangs) {
-  start(8, 16);
-  ox().set_log_callback(grow_the_file_from_its_own_log_line, OX_PLIV_LOG_DETAIL);
-  expect_hang([] { ox().pmem_set_account_maximum(kAny, 2, kPage); });
-}
-
 }  // namespace
 }  // namespace oxcontract
