@@ -66,7 +66,7 @@ class Contract : public HeapTest {
   }
   static void find_memory_again() { hooks().fallocate = nullptr; }
 
-  // Account 2 with this fund and the rest of the file as its maximum; nothing is committed ahead.
+  // Account 2 with this fund and the whole file as its maximum; nothing is committed ahead.
   static void start_uncommitted(uint64_t fund, uint64_t maximum) {
     auto config = configuration(0, maximum);
     ASSERT_EQ(ox().initialize(&config), 0);
@@ -79,7 +79,7 @@ class Contract : public HeapTest {
     return ox().pmem_fund_account(kAny, account, uint64_t{0} - pages(count));
   }
 
-  // A space of so many pages with one alias, and a single page of it or -1.
+  // A space of so many pages with one alias; and a block of a space, or -1.
   static long plain_space(uint64_t size) {
     const long id = space(size, 0, 0, 0);
     alias(id, size);
