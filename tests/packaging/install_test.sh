@@ -18,5 +18,11 @@ if grep -rIl -e "$work/first" -e "$(realpath "$build")" "$work/prefix"; then
   echo "these name a place that they were built or installed in"
   exit 1
 fi
+for binary in "$libdir"/liboxpliv.so.1 "$work"/prefix/bin/*; do
+  if readelf -d "$binary" | grep -iE 'R(UN)?PATH'; then
+    echo "$binary looks for its libraries where it was built"
+    exit 1
+  fi
+done
 build_consumers "$work/prefix" "$libdir" "$work"
 echo "installed, moved, and used by four consumers"

@@ -20,7 +20,7 @@ dpkg-deb -x "$work"/packages/liboxpliv1-dbgsym_*deb "$work/symbols"
 declared=$(for package in "$work"/packages/*.deb; do dpkg-deb -f "$package" Depends; done | tr ',' '\n' |
   sed 's/ *(.*//; s/^ *//' | sort -u | grep -v '^liboxpliv')
 echo "depends on" $declared
-for library in $(ldd "$root/usr/bin/oxpliv-tour" "$root"/usr/lib/*/liboxpliv.so.1 | grep -o '/[^ ]*\.so[^ ]*' | sort -u); do
+for library in $(ldd "$root"/usr/bin/* "$root"/usr/lib/*/liboxpliv.so.1 | grep -o '/[^ ]*\.so[^ ]*' | sort -u); do
   case "$library" in */liboxpliv*) continue ;; esac
   # /lib has moved into /usr, but the registry of files remembers where each was.
   owner=$({ dpkg -S "$library" "/usr$library" "${library#/usr}" 2>/dev/null || true; } | cut -d: -f1 | head -1)
@@ -35,10 +35,16 @@ cp "$tree/README.md" "$root/tmp/text"
 unshare --mount bash -euc '
   mount -t proc proc "$1/proc"
   mount --rbind /sys "$1/sys"
-  chroot "$1" /usr/bin/oxpliv-tour /tmp/text' -- "$root" | tee "$work/tour"
-grep -qE 'All [1-9][0-9]+ checks hold' "$work/tour"
+  chroot "$1" /usr/bin/oxpliv-tour /tmp/text
+  chroot "$1" /usr/bin/oxpliv-check --max 64M || true # whatever it says of this machine' -- "$root" | tee "$work/said"
+grep -qE 'All [1-9][0-9]+ checks hold' "$work/said"
+grep -q 'The library works here' "$work/said"
 
 libdir=$(dirname "$(find "$root" -name liboxpliv.so)")
+
+# What comes with it: manuals, and the extension where GDB looks for it.
+[ -e "$root/usr/share/man/man1/oxpliv-check.1" ]
+[ -e "$root/usr/share/gdb/auto-load${libdir#"$root"}/liboxpliv.so.1.0.0-gdb.py" ]
 build_consumers "$root/usr" "$libdir" "$work"
 
 # The library carries no debug information itself, and the symbols belong to it.
