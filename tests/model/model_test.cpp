@@ -56,6 +56,9 @@ const char* const kKnownSequences[] = {
     "0000",
     // the smallest blocks of a cache are given back too
     "00000000000000000000007b00ba0000000000000000000000002cd90000000000cd0000",
+    // giving memory back is interrupted at a page that was handed out from the middle of its range
+    "1700000040111b00b700970000002fbda4000b000000000000000000bf0000e49c000000e4000000007d0049000083000000008300000000"
+    "a4000ddb00",
     // giving memory back is interrupted
     "00000000000000000000000000000000e48b000000c498000000a400009300",
     // growth ends half-way, for another reason than a lack of memory

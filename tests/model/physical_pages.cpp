@@ -236,6 +236,9 @@ long FreeList::uncommit_taken(const std::vector<int64_t>& taken, uint64_t& uncom
     pages.system.say(4, obtained(pages.system.error, "uncommit", page));
     const bool interrupted = pages.system.error == EINTR;
     if (interrupted) {
+      if (record.state != PageState::Free) {
+        die_list("Page should be free");
+      }
       restore(page);
     }
     record.locked = false;
