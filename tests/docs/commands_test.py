@@ -40,12 +40,16 @@ def unknown_options(tree, line):
                 yield f"{command[1]} has no {option}"
 
 
+def is_there(path):
+    return path.exists() or path.with_suffix(".cpp").exists()  # messages name sources without their extension
+
+
 def complaints(tree):
     for document in documents(tree):
         places = {tree, document.parent}
         for line in commands(document):
             wrong = [f"{path}: no such file" for path in FILE.findall(line)
-                     if not any((place / path).exists() for place in places)]
+                     if not any(is_there(place / path) for place in places)]
             wrong += [f"{name}: no such preset" for name in PRESET.findall(line) if name not in presets(tree)]
             for complaint in [*wrong, *unknown_options(tree, line)]:
                 yield f"{document.relative_to(tree)}: {complaint}"
