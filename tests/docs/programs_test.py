@@ -4,8 +4,9 @@
   programs_test.py TREE WORK --c COMMAND --cpp COMMAND --libraries ARGUMENTS      (each separated by semicolons)
 
 A block with a main function is a program; <!-- prints: EXPRESSION --> above it tells what its output must match. Any other
-block says <!-- fragment: NAME --> above it: all fragments of that name, in their order, take the place of the line
-FRAGMENTS in tests/docs/frames/NAME.c or NAME.cpp, which makes them a program. Code in another kind of block is refused.
+block says <!-- fragment: NAME --> above it: all fragments of that name, in their order, take the place of the comment
+/* the fragments */ in tests/docs/frames/NAME.c or NAME.cpp, which makes them a program. Code in another kind of block is
+refused.
 """
 
 import argparse
@@ -20,7 +21,7 @@ from markdown import blocks, documents
 PROGRAMS = ("c", "cpp")
 TEXTS = (None, "", "text", "sh", "console")
 CODE = re.compile(r"^\s*#\s*include\b|\box_\w+_pliv\(.*\)\s*;|\bint main\(", re.MULTILINE)
-PLACE = "FRAGMENTS\n"
+PLACE = "/* the fragments */\n"
 
 
 def source_of(block):
@@ -54,10 +55,10 @@ class Programs:
             self.whole.append(block)
             return
         frame = self._frames / f"{block.remarks.get('fragment', '')}.{block.language}"
-        if frame.is_file():
+        if frame.is_file() and PLACE in frame.read_text():
             self.fragments.setdefault(frame, []).append(block)
         else:
-            self.wrong.append(f"{block}: neither a program nor a fragment of a frame that exists")
+            self.wrong.append(f"{block}: neither a program nor a fragment of a frame that takes it")
 
     def sources(self):
         """Name, language, source, and the expression for its output, of each program."""
@@ -119,6 +120,10 @@ int main() { std::puts("printed"); }
 ```c
 static int answer(void) { return 3; }
 ```
+<!-- fragment: full -->
+```c
+static int left_out_by_its_frame;
+```
 ```c
 int main(void) { return mistake; }
 ```
@@ -131,8 +136,9 @@ fn main() {}
 
     ox_report_stats_pliv();
 """
-EXPECTED = ("is not marked as c", "a block of rust", "neither a program", "a frame without", "does not compile",
-            "should print other", "around ends with 3")
+EXPECTED = ("a.md:18: neither a program", "a-21 does not compile", "a.md:24: neither a program", "a block of rust",
+            "is not marked as c", "unused.c: a frame without", "full.c: a frame without", "a-9 should print other",
+            "around ends with 3")
 
 
 def misses(machine):
@@ -140,8 +146,9 @@ def misses(machine):
     with tempfile.TemporaryDirectory() as folder:
         tree = pathlib.Path(folder)
         (tree / "tests/docs/frames").mkdir(parents=True)
-        (tree / "tests/docs/frames/around.c").write_text("FRAGMENTS\nint main(void) { return answer(); }\n")
-        (tree / "tests/docs/frames/unused.c").write_text("FRAGMENTS\n")
+        (tree / "tests/docs/frames/around.c").write_text(PLACE + "int main(void) { return answer(); }\n")
+        (tree / "tests/docs/frames/unused.c").write_text(PLACE)
+        (tree / "tests/docs/frames/full.c").write_text("int main(void) { return 0; }\n")
         (tree / "a.md").write_text(MADE_UP)
         found = complaints(tree, machine)[1]
         missed = [text for text in EXPECTED if not any(text in complaint for complaint in found)]

@@ -8,7 +8,7 @@
 #include <string.h>
 #include <sys/mman.h>
 
-FRAGMENTS
+/* the fragments */
 
 static uint64_t used(int account) {
   ox_pliv_account_usage_buffer_t usage;
