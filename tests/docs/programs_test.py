@@ -141,7 +141,7 @@ EXPECTED = ("a.md:18: neither a program", "a-21 does not compile", "a.md:24: nei
             "around ends with 3")
 
 
-def misses(machine):
+def misses(compilers, libraries):
     """What the checks themselves do not find in a document that has one mistake of each kind."""
     with tempfile.TemporaryDirectory() as folder:
         tree = pathlib.Path(folder)
@@ -150,7 +150,7 @@ def misses(machine):
         (tree / "tests/docs/frames/unused.c").write_text(PLACE)
         (tree / "tests/docs/frames/full.c").write_text("int main(void) { return 0; }\n")
         (tree / "a.md").write_text(MADE_UP)
-        found = complaints(tree, machine)[1]
+        found = complaints(tree, Machine(tree / "work", compilers, libraries))[1]
         missed = [text for text in EXPECTED if not any(text in complaint for complaint in found)]
         return missed or (found if len(found) != len(EXPECTED) else [])
 
@@ -163,11 +163,10 @@ def main():
         parser.add_argument(name, required=True, help="words separated by semicolons")
     given = parser.parse_args()
     words = {name: [word for word in getattr(given, name).split(";") if word] for name in ("c", "cpp", "libraries")}
-    machine = Machine(given.work, words, words["libraries"])
-    missed = misses(machine)
+    missed = misses(words, words["libraries"])
     if missed:
         sys.exit(f"the checks do not find what is wrong: {missed}")
-    names, found = complaints(given.tree.resolve(), machine)
+    names, found = complaints(given.tree.resolve(), Machine(given.work, words, words["libraries"]))
     print("\n".join(found) or f"{len(names)} programs are right: {', '.join(names)}")
     sys.exit(bool(found))
 
