@@ -9,13 +9,11 @@ import re
 import sys
 import tempfile
 
+from markdown import documents
+
 LINK = re.compile(r"(?<!!)\[[^\]]*\]\(([^)\s]+)\)|!\[[^\]]*\]\(([^)\s]+)\)")
 CODE = re.compile(r"^(```|~~~).*?^\1", re.MULTILINE | re.DOTALL)
 ELSEWHERE = re.compile(r"[a-z]+:")  # of the web or of mail: not for a test to visit
-
-
-def documents(tree):
-    return [path for path in sorted(tree.rglob("*.md")) if not {"build", ".git"} & set(path.relative_to(tree).parts)]
 
 
 def anchor(heading):

@@ -13,6 +13,7 @@ libdir=$(dirname "$(find "$work/prefix" -name liboxpliv.so)")
 
 [ "$(readlink "$libdir/liboxpliv.so")" = liboxpliv.so.1 ]
 [ "$(readlink "$libdir/liboxpliv.so.1")" = liboxpliv.so.1.0.0 ]
+[ -e "$work/prefix/share/man/man3/liboxpliv.3" ]
 [ ! -e "$work/prefix/include/pmem" ] # the public headers only
 if grep -rIl -e "$work/first" -e "$(realpath "$build")" "$work/prefix"; then
   echo "these name a place that they were built or installed in"
