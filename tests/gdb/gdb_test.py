@@ -476,7 +476,7 @@ class Refusal(DebuggerTest):
 
     def check_stripped(self, *how):
         stripped = (self.folder / "liboxpliv.so.1").absolute()
-        subprocess.run(["strip", *how, "-o", stripped, options.library], check=True)
+        subprocess.run(["strip", *how, "-o", stripped, options.shared_object], check=True)
         debugger = self.start(options.program)
         debugger.ask("set environment LD_PRELOAD %s" % stripped)
         debugger.run_to("heap_is_built")
@@ -492,7 +492,7 @@ class Refusal(DebuggerTest):
 class Loading(DebuggerTest):
     def test_extension_beside_the_library_is_loaded_with_it(self):
         folder = self.folder.absolute()
-        shutil.copy(options.library, folder / "liboxpliv.so.1")
+        shutil.copy(options.shared_object, folder / "liboxpliv.so.1")
         shutil.copy(options.extension, folder / "liboxpliv.so.1-gdb.py")
         debugger = self.start("-iex", "add-auto-load-safe-path %s" % folder, options.program, extension=False)
         self.assertRegex(debugger.ask("oxpliv"), "^refused: Undefined command")
@@ -505,13 +505,13 @@ class Loading(DebuggerTest):
         subprocess.run(["cmake", "-DCMAKE_INSTALL_PREFIX=%s" % self.folder.absolute(), "-P", options.install_rule],
                        check=True, stdout=subprocess.DEVNULL)
         installed = [path.name for path in self.folder.glob("share/gdb/auto-load/**/*-gdb.py")]
-        self.assertEqual(installed, [os.path.basename(os.path.realpath(options.library)) + "-gdb.py"])
+        self.assertEqual(installed, [os.path.basename(os.path.realpath(options.shared_object)) + "-gdb.py"])
 
 
 def main():
     global options
     parser = argparse.ArgumentParser()
-    for option in "--program", "--library", "--extension", "--install-rule":
+    for option in "--program", "--shared-object", "--extension", "--install-rule":
         parser.add_argument(option, required=True)
     parser.add_argument("--skip", metavar="REASON", help="run nothing, for that reason")
     parser.add_argument("test")
