@@ -489,6 +489,29 @@ class Refusal(DebuggerTest):
         self.check_stripped("--strip-all")
 
 
+class Tour(DebuggerTest):
+    """A program with a safe-fetch stub, which the library tries while it starts; stopped, and as a core file."""
+
+    def check_heap(self, debugger, block):
+        self.assertRegex(debugger.ask("oxpliv"), r"(?s)2 accounts, 2 zones, 2 spaces")
+        self.assertRegex(debugger.ask("oxpliv accounts"), r"(?m)^ +0 .*\n +2 ")
+        self.assertRegex(debugger.ask("oxpliv block %s" % block), r"(?s)space \d.*physical page")
+
+    def test_stopped_at_its_first_free_and_as_a_core_file(self):
+        debugger = self.start(options.tour)
+        debugger.ask("set args %s" % options.extension)  # a file to load, whichever
+        debugger.ask("handle SIGSEGV SIGBUS nostop noprint pass")
+        debugger.run_to("ox_munmap_from_space_pliv")
+        block = int(debugger.ask("output/d $rsi"))
+        self.check_heap(debugger, block)
+        core = self.folder / "core"
+        debugger.ask("generate-core-file %s" % core)
+        if not core.exists():
+            self.skipTest("GDB writes no core files here")
+        self.check_heap(self.start(options.tour, str(core)), block)
+        core.unlink()
+
+
 class Loading(DebuggerTest):
     def test_extension_beside_the_library_is_loaded_with_it(self):
         folder = self.folder.absolute()
@@ -511,7 +534,7 @@ class Loading(DebuggerTest):
 def main():
     global options
     parser = argparse.ArgumentParser()
-    for option in "--program", "--shared-object", "--extension", "--install-rule":
+    for option in "--program", "--tour", "--shared-object", "--extension", "--install-rule":
         parser.add_argument(option, required=True)
     parser.add_argument("--skip", metavar="REASON", help="run nothing, for that reason")
     parser.add_argument("test")

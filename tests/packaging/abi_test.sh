@@ -7,6 +7,10 @@ trap 'rm -rf "$work"' EXIT
 
 "$tree/scripts/abi"
 
+for record in $(grep -oP '^} \K\w+_t(?=;)' "$tree/src/oxpliv/ox_pliv_records.h"); do
+  grep -q "^$record " "$tree/packaging/abi/records.c" || { echo "$record is described nowhere"; exit 1; }
+done
+
 # changed DESCRIPTION-FILE SED-EXPRESSION: the comparison must fail when the description says something else.
 changed() {
   cp "$tree"/packaging/abi/*.abi "$work"

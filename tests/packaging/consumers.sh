@@ -1,5 +1,9 @@
 # Builds and runs the consumers against an installed library, by each way of finding it.
 
+tree=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../..")
+version=$(sed -n 's/^project(oxpliv VERSION \([0-9.]*\).*/\1/p' "$tree/CMakeLists.txt")
+soname=liboxpliv.so.${version%%.*}
+
 # What a consumer says when it works, and nothing else.
 run_consumer() {
   local said
@@ -26,5 +30,5 @@ build_consumers() {
   c++ "$sources/consumer.cpp" -o "$work/consumer_cpp" $flags
   LD_LIBRARY_PATH=$libdir run_consumer "$work/consumer_c"
   LD_LIBRARY_PATH=$libdir run_consumer "$work/consumer_cpp"
-  readelf -d "$work/consumer_c" | grep -q 'NEEDED.*\[liboxpliv\.so\.1\]' || { echo "not linked by SONAME"; return 1; }
+  readelf -d "$work/consumer_c" | grep -q 'NEEDED.*\['"$soname"'\]' || { echo "not linked by SONAME"; return 1; }
 }

@@ -4,6 +4,7 @@ set -euo pipefail
 tree=$(realpath "$(dirname "$(realpath "$0")")/../..")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/doc" # beside the clone: what is called so in the tree is no path of this workplace
 if ! git clone -q "$tree" "$work/clone"; then
   echo "skipped: this tree is no repository"
   exit 77
@@ -11,6 +12,8 @@ fi
 cd "$work/clone"
 git config user.name Test
 git config user.email test@localhost
+cp "$tree"/scripts/* scripts/
+git diff --quiet || git commit -qam "Take the scripts as they are"
 
 scripts/lint --install-hook
 if scripts/lint --install-hook; then

@@ -3,24 +3,23 @@
 # tour and the consumers from there.
 set -euo pipefail
 [ "$(id -u)" = 0 ] || { echo "skipped: only root may change its root directory"; exit 77; }
-tree=$(realpath "$(dirname "$(realpath "$0")")/../..")
-source "$tree/tests/packaging/consumers.sh"
+source "$(dirname "$(realpath "$0")")/consumers.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 root=$work/root
 
 "$tree/scripts/package" "$work/packages"
-for package in liboxpliv1 liboxpliv-dev liboxpliv-tools; do
-  dpkg-deb -x "$work/packages/${package}_1.0.0_amd64.deb" "$root"
+for package in "liboxpliv${version%%.*}" liboxpliv-dev liboxpliv-tools; do
+  dpkg-deb -x "$work/packages/${package}_${version}_amd64.deb" "$root"
 done
 mkdir "$work/symbols"
-dpkg-deb -x "$work"/packages/liboxpliv1-dbgsym_*deb "$work/symbols"
+dpkg-deb -x "$work/packages/liboxpliv${version%%.*}"-dbgsym_*deb "$work/symbols"
 
 # What the packages declare is there, and nothing is missing.
 declared=$(for package in "$work"/packages/*.deb; do dpkg-deb -f "$package" Depends; done | tr ',' '\n' |
   sed 's/ *(.*//; s/^ *//' | sort -u | grep -v '^liboxpliv')
 echo "depends on" $declared
-for library in $(ldd "$root"/usr/bin/* "$root"/usr/lib/*/liboxpliv.so.1 | grep -o '/[^ ]*\.so[^ ]*' | sort -u); do
+for library in $(ldd "$root"/usr/bin/* "$root"/usr/lib/*/"$soname" | grep -o '/[^ ]*\.so[^ ]*' | sort -u); do
   case "$library" in */liboxpliv*) continue ;; esac
   # /lib has moved into /usr, but the registry of files remembers where each was.
   owner=$({ dpkg -S "$library" "/usr$library" "${library#/usr}" 2>/dev/null || true; } | cut -d: -f1 | head -1)
@@ -44,13 +43,13 @@ libdir=$(dirname "$(find "$root" -name liboxpliv.so)")
 
 # What comes with it: manuals, and the extension where GDB looks for it.
 [ -e "$root/usr/share/man/man1/oxpliv-check.1" ]
-[ -e "$root/usr/share/gdb/auto-load${libdir#"$root"}/liboxpliv.so.1.0.0-gdb.py" ]
+[ -e "$root/usr/share/gdb/auto-load${libdir#"$root"}/liboxpliv.so.$version-gdb.py" ]
 build_consumers "$root/usr" "$libdir" "$work"
 
 # The library carries no debug information itself, and the symbols belong to it.
-identity=$(readelf -n "$libdir/liboxpliv.so.1" | awk '/Build ID/ {print $3}')
+identity=$(readelf -n "$libdir/$soname" | awk '/Build ID/ {print $3}')
 [ -e "$work/symbols/usr/lib/debug/.build-id/${identity:0:2}/${identity:2}.debug" ]
-if readelf -S "$libdir/liboxpliv.so.1" | grep -q '\.debug_info'; then
+if readelf -S "$libdir/$soname" | grep -q '\.debug_info'; then
   echo "the library carries debug information"
   exit 1
 fi

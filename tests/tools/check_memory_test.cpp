@@ -109,9 +109,9 @@ TEST(HugePagePool, OfAllPagesThatAreNeeded_IsOk) {
   EXPECT_THAT(pool(with_pool(2048, 2048)), Says(State::kOk, "128 pages to start and 2048 pages in all", Commands{}));
 }
 
-TEST(HugePagePool, TooFewForTheStart_IsAProblemAndThePoolGrowsByWhatIsMissing) {
+TEST(HugePagePool, TooFewForTheStart_WarnsAndThePoolGrowsByWhatIsMissing) {
   EXPECT_THAT(pool(with_pool(300, 127)),
-              Says(State::kProblem, "goes on with small pages", Commands{"sysctl vm.nr_hugepages=2221"}));
+              Says(State::kWarning, "goes on with small pages", Commands{"sysctl vm.nr_hugepages=2221"}));
 }
 
 TEST(HugePagePool, EnoughForTheStartOnly_WarnsWhereGrowthEnds) {
@@ -132,7 +132,7 @@ TEST(HugePagePool, PagesOnDemand_CountForGrowthButNotForTheStart) {
   EXPECT_EQ(pool(facts).state, State::kWarning);
   facts = with_pool(0, 0);
   facts.kernel.overcommit_huge_pages = 4096;
-  EXPECT_THAT(pool(facts), Says(State::kProblem, "free pages alone", Commands{"sysctl vm.nr_hugepages=2048"}));
+  EXPECT_THAT(pool(facts), Says(State::kWarning, "free pages alone", Commands{"sysctl vm.nr_hugepages=2048"}));
 }
 
 TEST(HugePagePool, PagesOnDemand_StandInForPromisedOnesAtTheStart) {

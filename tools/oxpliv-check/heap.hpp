@@ -13,8 +13,10 @@ inline constexpr uint64_t kMib = uint64_t{1} << 20;
 inline constexpr uint64_t kGib = uint64_t{1} << 30;
 inline constexpr uint64_t kPageBytes = 2 * kMib;  // the library's page, whatever the system's pages are
 
+inline constexpr uint64_t kUserAddresses = uint64_t{1} << 47;  // what a process has
+
 // The library's table of the whole address space: 16 bytes for each page that fits into it. Little of it is ever touched.
-inline constexpr uint64_t kAddressTableBytes = (uint64_t{1} << 47) / kPageBytes * 16;
+inline constexpr uint64_t kAddressTableBytes = kUserAddresses / kPageBytes * 16;
 
 enum class Pages { kSmall, kExplicit, kTransparent };
 

@@ -41,7 +41,7 @@ void judge_pool(const Facts& facts, const Heap& heap, Finding& finding) {
                   " more on demand";
   const std::string need = "The heap needs " + pages(for_start) + " to start and " + pages(for_all) + " in all.";
   if (!takes_explicit_pages(facts, heap)) {
-    finding.state = State::kProblem;
+    finding.state = State::kWarning;
     finding.meaning = need +
                       " The library looks at the free pages alone, and goes on with small pages when they don't "
                       "suffice for the start.";

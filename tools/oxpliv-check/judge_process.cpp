@@ -6,7 +6,6 @@ namespace {
 
 constexpr uint64_t kMapMargin = 2000;            // mappings of the program, its libraries and its threads
 constexpr uint64_t kAddressMargin = 512 * kMib;  // the same in bytes, with what the library keeps of each page
-constexpr uint64_t kUserAddresses = uint64_t{1} << 47;
 
 // A soft limit goes up to the hard one; only root moves that. Shells count in units of their own, prlimit does not.
 void raise_limit(const Limit& limit, const std::string& option, uint64_t needed, const std::string& enough,

@@ -63,6 +63,12 @@ void check_options(const CLI::App& app, Options& options) {
     }
     options.heap.initial_bytes = options.heap.max_bytes;
   }
+  if (options.heap.max_bytes > kUserAddresses) {
+    throw CLI::ValidationError("--max", "is more than a process has addresses for");
+  }
+  if (options.heap.max_bytes % kPageBytes != 0 || options.heap.initial_bytes % kPageBytes != 0) {
+    throw CLI::ValidationError("--max and --initial", "must be multiples of 2M, the library's page");
+  }
   if (!options.path.empty() && options.path.front() != '/') {
     throw CLI::ValidationError("--path", "must begin with /");
   }
