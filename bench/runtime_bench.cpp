@@ -35,7 +35,7 @@ struct Outcome {
   double seconds = 0;
   double processor_seconds = 0;
   uint64_t digest = 0;
-  uint64_t text_bytes = 0;
+  uint64_t work = 0;
   double longest_pause_ms = 0;
   unsigned collections = 0;
   bool pauses = false;
@@ -79,9 +79,8 @@ class Driver {
     close(_output);
     text[std::max<ssize_t>(length, 0)] = 0;
     Outcome outcome;
-    const int fields =
-        std::sscanf(text, "%lf %lf %lx %lu %lf %u", &outcome.seconds, &outcome.processor_seconds, &outcome.digest,
-                    &outcome.text_bytes, &outcome.longest_pause_ms, &outcome.collections);
+    const int fields = std::sscanf(text, "%lf %lf %lx %lu %lf %u", &outcome.seconds, &outcome.processor_seconds,
+                                   &outcome.digest, &outcome.work, &outcome.longest_pause_ms, &outcome.collections);
     outcome.pauses = fields == 6;
     if (_status != 0 || (fields != 4 && fields != 6)) {
       errno = 0;
@@ -126,7 +125,7 @@ void measure(benchmark::State& state, const std::string& name, const std::string
       state.counters["collections"] = outcome.collections;
     }
     state.counters["processor_ms"] = 1000 * outcome.processor_seconds;
-    state.counters["text_mib"] = static_cast<double>(outcome.text_bytes) / kMiB;
+    state.counters["work_per_s"] = static_cast<double>(outcome.work) / 1e6 / outcome.seconds;
     state.counters["peak_mib"] = peak_bytes(name, subject, words) / kMiB;
   }
 }

@@ -3,8 +3,8 @@
 // The main function of a driver, which runs a workload of the small managed runtime on one kind of memory:
 //   runtime_NAME trees DEPTH
 //   runtime_NAME index PATH...
-// It prints one line: seconds of the clock and of all processors, a digest of the result, the bytes of the text, and,
-// where the world is stopped for collections, the longest pause in milliseconds and how many there were.
+// It prints one line: seconds of the clock and of all processors, a digest of the result, the work (nodes of trees made, or
+// bytes of text read), and, where the world is stopped for collections, the longest pause in milliseconds and how many there were.
 
 #include <chrono>
 #include <cstdio>
@@ -15,14 +15,15 @@
 #include <optional>
 #include <string>
 
+#include "mini_runtime/memory.hpp"
 #include "workloads/index.hpp"
 #include "workloads/trees.hpp"
 
 namespace oxbench {
 
 inline constexpr unsigned kMutators = 2;
-inline constexpr uint64_t kInitialHeap = uint64_t{64} << 20;  // for those that can be told
-inline constexpr uint64_t kMaximumHeap = uint64_t{1} << 30;
+inline constexpr uint64_t kInitialHeap = mini::bytes_of(mini::kDefaultInitialPages);  // for those that can be told
+inline constexpr uint64_t kMaximumHeap = mini::bytes_of(mini::kDefaultMaximumPages);
 
 struct Pauses {
   double longest_ms = 0;
@@ -64,6 +65,16 @@ class Digest {
   uint64_t _value = 0;
 };
 
+inline uint64_t nodes_of(const workloads::TreesResult& result) {
+  return std::accumulate(result.begin(), result.end(), uint64_t{0},
+                         [](uint64_t sum, const workloads::TreesLine& line) { return sum + line.nodes; });
+}
+
+inline uint64_t bytes_of(const workloads::Corpus& corpus) {
+  return std::accumulate(corpus.begin(), corpus.end(), uint64_t{0},
+                         [](uint64_t sum, const std::string& document) { return sum + document.size(); });
+}
+
 inline uint64_t digest_of(const workloads::TreesResult& result) {
   Digest digest;
   for (const workloads::TreesLine& line : result) {
@@ -90,17 +101,22 @@ void run_workload(const std::vector<std::string>& words) {
   const bool trees = words.at(0) == "trees";
   const workloads::Corpus corpus =
       trees ? workloads::Corpus{} : workloads::read_corpus({words.begin() + 1, words.end()});
-  const uint64_t text_bytes =
-      std::accumulate(corpus.begin(), corpus.end(), uint64_t{0},
-                      [](uint64_t sum, const std::string& document) { return sum + document.size(); });
   const double processor_start = processor_seconds();
   const auto start = std::chrono::steady_clock::now();
   World world;
-  const uint64_t digest = trees ? digest_of(workloads::run_trees(world, std::stoi(words.at(1)), kMutators))
-                                : digest_of(workloads::run_index(world, corpus, kMutators));
+  uint64_t digest = 0;
+  uint64_t work = 0;
+  if (trees) {
+    const workloads::TreesResult result = workloads::run_trees(world, std::stoi(words.at(1)), kMutators);
+    digest = digest_of(result);
+    work = nodes_of(result);
+  } else {
+    digest = digest_of(workloads::run_index(world, corpus, kMutators));
+    work = bytes_of(corpus);
+  }
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
   const double processor_taken = processor_seconds() - processor_start;
-  std::printf("%.9f %.9f %lx %lu", taken.count(), processor_taken, digest, text_bytes);
+  std::printf("%.9f %.9f %lx %lu", taken.count(), processor_taken, digest, work);
   if (const std::optional<Pauses> pauses = world.pauses()) {
     std::printf(" %.6f %u", pauses->longest_ms, pauses->collections);
   }

@@ -221,7 +221,6 @@ void Collector::release(const std::function<uint64_t(uint64_t)>& keep_cached) {
     to_keep -= kept ? 1 : 0;
     _heap.release(region, kept ? Keep::kCached : Keep::kGivenBack);
   }
-  _heap.recycle(owed);
 }
 
 // ---- Verify

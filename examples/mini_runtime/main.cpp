@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -28,8 +29,8 @@ constexpr int kOutOfMemory = 3;
 struct Options {
   mini::MemoryOptions memory;
   mini::RuntimeOptions runtime;
-  uint64_t initial_bytes = uint64_t{64} << 20;
-  uint64_t maximum_bytes = uint64_t{1} << 30;
+  uint64_t initial_bytes = mini::bytes_of(mini::kDefaultInitialPages);
+  uint64_t maximum_bytes = mini::bytes_of(mini::kDefaultMaximumPages);
   unsigned threads = 2;
   std::string svg;
   int depth = 16;
@@ -146,10 +147,8 @@ int run(Options& options, const std::string& title, Workload workload) {
     status = workload(runtime, options) ? 0 : kWrongResult;
   } catch (const mini::OutOfMemory& failure) {
     std::fflush(stdout);
-    std::fprintf(stderr, "mini_runtime: %s, beside %luM in use of at most %luM\n", failure.what(),
-                 mini::mib_of(runtime.heap().used_pages()), mini::mib_of(memory.maximum_pages()));
-    const mini::HeapReport left = runtime.verify();
-    std::fprintf(stderr, "mini_runtime: the heap is valid, %" PRIu64 " objects of it in use\n", left.objects);
+    std::fprintf(stderr, "mini_runtime: %s of at most %luM\n", failure.what(), mini::mib_of(memory.maximum_pages()));
+    std::fprintf(stderr, "mini_runtime: the heap is valid, %" PRIu64 " objects of it in use\n", failure.left().objects);
     runtime.collect("after running out");
     status = kOutOfMemory;
   }
@@ -195,8 +194,14 @@ int main(int count, char** words) {
   CLI::App* const index_command = app.add_subcommand("index", "An inverted index of text, and queries to it");
   index_command->add_option("PATH", options.paths, "Files and directories")->required()->check(CLI::ExistingPath);
   CLI::App* const lru_command = app.add_subcommand("lru", "A cache under churn, with large objects");
-  lru_command->add_option("SECONDS", options.seconds, "How long")->required()->check(CLI::PositiveNumber);
-  app.parse_complete_callback([&options] {
+  lru_command->add_option("SECONDS", options.seconds, "How long")->required()->check(CLI::Range(0.001, 1e6));
+  app.parse_complete_callback([&] {
+    if (app.count("--initial") == 0) {
+      options.initial_bytes = std::min(options.initial_bytes, options.maximum_bytes);
+    }
+    if (std::isnan(options.seconds)) {  // which lies in every range
+      throw CLI::ValidationError("SECONDS", "is no number");
+    }
     if (options.initial_bytes > options.maximum_bytes) {
       throw CLI::ValidationError("--initial", "is more than --max");
     }

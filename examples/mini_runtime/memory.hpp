@@ -43,9 +43,12 @@ constexpr uint64_t mib_of(uint64_t pages) {
 
 enum class PageKind { kSmall, kExplicit, kTransparent };
 
+inline constexpr uint64_t kDefaultInitialPages = pages_for(uint64_t{64} << 20);
+inline constexpr uint64_t kDefaultMaximumPages = pages_for(uint64_t{1} << 30);
+
 struct MemoryOptions {
-  uint64_t initial_pages = 32;
-  uint64_t maximum_pages = 512;
+  uint64_t initial_pages = kDefaultInitialPages;
+  uint64_t maximum_pages = kDefaultMaximumPages;
   PageKind pages = PageKind::kSmall;
 };
 

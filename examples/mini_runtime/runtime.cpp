@@ -47,7 +47,7 @@ Mutator::~Mutator() {
 Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
   poll();
   if (references > Object::kMostReferences || raw_bytes > Object::kLargestRaw) {
-    throw OutOfMemory(std::max(uint64_t{references} * sizeof(Object*), raw_bytes));
+    run_out(std::max(uint64_t{references} * sizeof(Object*), raw_bytes));
   }
   const uint64_t size = Object::size_for(references, raw_bytes);
   const bool large = size >= Heap::kLargeObject;
@@ -60,7 +60,7 @@ Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
       return made;
     }
     if (collections == 2) {
-      throw OutOfMemory(size);
+      run_out(size);
     }
     Runtime::Request request{.cause = large ? "large object" : "allocation", .wanted_pages = pages_for(size)};
     if (collections == 1) {
@@ -73,6 +73,12 @@ Object* Mutator::allocate_slowly(uint32_t references, uint64_t raw_bytes) {
     };
     collections += wait_for([&] { return _runtime.collect(request, known); }) ? 1 : 0;
   }
+}
+
+// The heap is looked through now, while it is full: the roots of this thread end on the way to who catches this.
+void Mutator::run_out(uint64_t size) {
+  const HeapReport left = wait_for([this] { return _runtime.verify(); });
+  throw OutOfMemory(size, _runtime.heap().used_pages(), left);
 }
 
 Object* Mutator::make(uint32_t references, uint64_t raw_bytes, uint64_t size) {
@@ -174,14 +180,17 @@ Collection Runtime::collect_now(const Request& request) {
     std::for_each(_mutators.begin(), _mutators.end(), [](Mutator* mutator) { mutator->forget_region_unless_in_use(); });
   }
   collection.pages_after = _heap.used_pages();
-  collection.pause_ms = (_timeline.now() - collection.began_at) * 1000;
+  const double before_verifying = _timeline.now();
   if (_options.verify && verify_heap(_heap, _mutators) != _collector.live()) {
     broken("after collection %u other objects can be reached than were marked", collection.number);
   }
+  const double verifying = _timeline.now() - before_verifying;  // no part of a pause without it
+  sample();
   if (!request.claim() && in_need) {
     resize(collection.pages_after, request.wanted_pages);
     request.claim();
   }
+  collection.pause_ms = (_timeline.now() - collection.began_at - verifying) * 1000;
   return collection;
 }
 
@@ -193,7 +202,7 @@ uint64_t Runtime::goal_for(uint64_t used_pages, uint64_t wanted) {
   return std::clamp(needed, _memory.initial_heap_pages(), _memory.maximum_heap_pages());
 }
 
-// The world runs while memory is committed and given back; who finds none waits for the end of it.
+// The world runs while memory is committed and given back, but in a last resort; who finds none waits for the end of it.
 void Runtime::resize(uint64_t used_pages, uint64_t wanted) {
   const uint64_t goal = goal_for(used_pages, wanted);
   const uint64_t fund = _memory.heap_fund_pages();
@@ -204,14 +213,17 @@ void Runtime::resize(uint64_t used_pages, uint64_t wanted) {
         mib_of(_memory.heap_fund_pages()), touched);
   } else if (fund - goal > fund / 8) {
     const uint64_t held = Memory::bytes_in_backing_file();
+    const uint64_t resident = Memory::resident_bytes();
     const uint64_t kept = used_pages + _heap.cached_pages();
     _heap.recycle(kept > goal ? std::min(_heap.cached_pages(), kept - goal) : 0);
     const uint64_t shrunk = _memory.shrink(fund - goal);
     if (shrunk == 0) {  // others have use for all of it
       return;
     }
-    log("            gave back %luM, for a heap of %luM; the system held %luM for us, now %luM", mib_of(shrunk),
-        mib_of(_memory.heap_fund_pages()), held >> 20, Memory::bytes_in_backing_file() >> 20);
+    log("            gave back %luM, for a heap of %luM; the system held %luM for us, now %luM; resident %luM, now "
+        "%luM",
+        mib_of(shrunk), mib_of(_memory.heap_fund_pages()), held >> 20, Memory::bytes_in_backing_file() >> 20,
+        resident >> 20, Memory::resident_bytes() >> 20);
   }
 }
 

@@ -25,16 +25,21 @@ namespace mini {
 class Mutator;
 class Runtime;
 
-// The program asked for more than the maximum has room for. The heap is as valid as before.
+// The program asked for more than the maximum has room for. The heap is as valid as before: it was looked through.
 class OutOfMemory : public std::bad_alloc {
  public:
-  explicit OutOfMemory(uint64_t bytes)
-      : _bytes(bytes), _text("out of memory: no room for an object of " + std::to_string(bytes) + " bytes") {}
+  OutOfMemory(uint64_t bytes, uint64_t used_pages, const HeapReport& left)
+      : _bytes(bytes),
+        _left(left),
+        _text("out of memory: no room for an object of " + std::to_string(bytes) + " bytes, beside " +
+              std::to_string(mib_of(used_pages)) + "M in use") {}
   const char* what() const noexcept override { return _text.c_str(); }
   uint64_t bytes() const { return _bytes; }
+  const HeapReport& left() const { return _left; }  // what was alive then
 
  private:
   uint64_t _bytes;
+  HeapReport _left;
   std::string _text;
 };
 
@@ -123,6 +128,7 @@ class Mutator : Pinned {
   Object* allocate_slowly(uint32_t references, uint64_t raw_bytes);
   Object* place(char* address, uint32_t references, uint64_t raw_bytes, uint64_t size);
   Object* make(uint32_t references, uint64_t raw_bytes, uint64_t size);  // null when there is no memory
+  [[noreturn]] void run_out(uint64_t size);
 
   Runtime& _runtime;
   char* _begin = nullptr;

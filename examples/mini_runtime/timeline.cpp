@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <fstream>
+#include <iomanip>
 #include <numeric>
 #include <sstream>
 
@@ -98,16 +100,26 @@ class Picture {
   }
 
   void axes() {
-    constexpr int kSteps = 5;
-    for (int step = 0; step <= kSteps; ++step) {
-      const uint64_t pages = _most_pages * static_cast<uint64_t>(step) / kSteps;
-      text(kLeft - 8, y(pages) + 4, std::to_string(mib_of(pages)) + " MiB", "end");
-      std::ostringstream seconds;
-      seconds.precision(3);
-      seconds << _end * step / kSteps << " s";
-      text(x(_end * step / kSteps), kMapTop + kMapHeight + 18, seconds.str(), "middle");
+    const double mib = static_cast<double>(mib_of(_most_pages));
+    for (double at = 0; at <= mib; at += round_step(mib)) {
+      text(kLeft - 8, y(static_cast<uint64_t>(at / 2)) + 4, in_words(at) + " MiB", "end");
+    }
+    for (double at = 0; at <= _end; at += round_step(_end)) {
+      text(x(at), kMapTop + kMapHeight + 18, in_words(at) + " s", "middle");
     }
     text(kLeft + kWidth / 2.0, kMapTop + kMapHeight + 40, "time", "middle");
+  }
+
+  // A step of 1, 2 or 5 times a power of ten, of which three to eight fit.
+  static double round_step(double length) {
+    const double power = std::pow(10, std::floor(std::log10(length / 3)));
+    return length / power >= 15 ? 5 * power : length / power >= 6 ? 2 * power : power;
+  }
+
+  static std::string in_words(double value) {
+    std::ostringstream words;
+    words << std::setprecision(4) << value;
+    return words.str();
   }
 
   // A column for each moment, a row for each page that was ever committed (or for as many as have to share one: the most

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <unordered_map>
 #include <vector>
 
@@ -44,6 +46,9 @@ inline Corpus read_corpus(const std::vector<std::string>& paths) {
   Corpus corpus;
   const auto read = [&](const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) {
+      throw std::system_error(errno, std::generic_category(), path.string());
+    }
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     if (text.find('\0') != std::string::npos) {
       return;  // no text

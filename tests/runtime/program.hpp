@@ -17,25 +17,27 @@
 
 namespace runtime_test {
 
+// The numbers in the pattern's group, wherever the pattern is found in the text.
+inline std::vector<uint64_t> numbers_in(const std::string& text, const std::string& pattern) {
+  regex_t expression;
+  if (regcomp(&expression, pattern.c_str(), REG_EXTENDED | REG_NEWLINE) != 0) {
+    std::abort();
+  }
+  std::vector<uint64_t> found;
+  regmatch_t matches[2];
+  for (const char* at = text.c_str(); regexec(&expression, at, 2, matches, 0) == 0; at += matches[0].rm_eo) {
+    found.push_back(std::strtoull(at + matches[1].rm_so, nullptr, 10));
+  }
+  regfree(&expression);
+  return found;
+}
+
 struct Ended {
   int status = -1;     // of exit, or -1
   std::string output;  // on standard output
   std::string errors;  // on standard error
 
-  // The number in the pattern's group, wherever the pattern is found in the output.
-  std::vector<uint64_t> numbers(const std::string& pattern) const {
-    regex_t expression;
-    if (regcomp(&expression, pattern.c_str(), REG_EXTENDED | REG_NEWLINE) != 0) {
-      std::abort();
-    }
-    std::vector<uint64_t> found;
-    regmatch_t matches[2];
-    for (const char* at = output.c_str(); regexec(&expression, at, 2, matches, 0) == 0; at += matches[0].rm_eo) {
-      found.push_back(std::strtoull(at + matches[1].rm_so, nullptr, 10));
-    }
-    regfree(&expression);
-    return found;
-  }
+  std::vector<uint64_t> numbers(const std::string& pattern) const { return numbers_in(output, pattern); }
 };
 
 // An unnamed file, for what a program writes.

@@ -85,12 +85,21 @@ TEST(Program, TextWithoutWords_IsIndexedToo) {
 TEST(Program, OutOfMemory_EndsWithAnErrorAndAValidHeap) {
   const Ended ended = run_program({"--initial", "16M", "--max", "24M", "--verify", "trees", "18"});
   EXPECT_EQ(ended.status, 3);
+  const auto in_use = numbers_in(ended.errors, "the heap is valid, ([0-9]+) objects");
+  ASSERT_EQ(in_use.size(), 1u);
+  EXPECT_GT(in_use[0], 500'000u) << "the heap was looked at when it was no longer full";
   EXPECT_THAT(ended.errors,
               AllOf(ContainsRegex("mini_runtime: out of memory: no room for an object of 24 bytes, beside "
                                   "[0-9]+M in use of at most 24M\n"),
                     ContainsRegex("mini_runtime: the heap is valid, [0-9]+ objects of it in use\n")));
   EXPECT_THAT(ended.output, AllOf(HasSubstr("GC("), HasSubstr("last resort"), HasSubstr("after running out"),
                                   HasSubstr("The library's statistics"), Not(HasSubstr("plain computation"))));
+}
+
+TEST(Program, SmallMaximumAlone_IsTheBeginningToo) {
+  const Ended ended = run_program({"--max", "32M", "trees", "8"});
+  EXPECT_EQ(ended.status, 0) << ended.errors;
+  EXPECT_THAT(ended.output, HasSubstr("heap: 32M committed, 32M at most"));
 }
 
 // ---- The picture
@@ -156,6 +165,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Refusal{"NoPath", {"index"}, "PATH is required"},
                     Refusal{"MissingPath", {"index", "/nonexistent"}, "Path does not exist: /nonexistent"},
                     Refusal{"NoTime", {"lru", "0"}, "SECONDS"}, Refusal{"NegativeTime", {"lru", "-1"}, "SECONDS"},
+                    Refusal{"NoNumberForATime", {"lru", "nan"}, "SECONDS"},
                     Refusal{"NoThreads", {"--threads", "0", "trees", "10"}, "Value 0 not in range"},
                     Refusal{"NoSize", {"--max", "much", "trees", "10"}, "--max"},
                     Refusal{"BeginningAboveTheMaximum",
