@@ -46,15 +46,17 @@ class Reader {
     if (line.starts_with("## ")) {
       _heading = line;
     } else if (line.starts_with("### ")) {
-      page.entries.push_back({line.substr(4), "", {}});
+      page.entries.push_back({line.substr(4), "", {}, ""});
     } else if (line.starts_with("<!-- test: ") && !page.entries.empty()) {
       page.entries.back().test = between(line, "test: ", " -->").front();
       _outcome_is_next = true;
     } else if (_outcome_is_next) {
       page.entries.back().outcome = outcome_of(line);
+      page.entries.back().outcome_line = line;
       _outcome_is_next = false;
-    } else if (_heading == kIndexHeading && line.starts_with("| `")) {
-      page.index.push_back({between(line, "`", "`").front(), between(line, "(#", ")")});
+    } else if (_heading == kIndexHeading && line.find("](#") != std::string::npos) {
+      const std::string cell = between(line, "| ", " |").front();
+      page.index.push_back({cell.starts_with('`') ? between(cell, "`", "`").front() : cell, between(line, "(#", ")")});
     } else if (_heading == kUnreachableHeading) {
       page.unreachable.merge(messages_of(line));
     }

@@ -25,11 +25,12 @@ struct Entry {
   std::string title;
   std::string test;
   Outcome outcome;
+  std::string outcome_line;  // as it stands on the page
 };
 
-// A row of the table that leads from a message to the entries.
+// A row of the table that leads from what is seen, a message or a symptom in plain words, to the entries.
 struct IndexRow {
-  std::string message;
+  std::string seen;
   std::vector<std::string> anchors;
 };
 

@@ -160,9 +160,15 @@ Finding judge_transparent_huge_pages(const Facts& facts, const Heap& heap) {
     }
   }
   if (finding.state == State::kOk) {
-    finding.meaning = transparent_mode(facts, heap, store).advised
-                          ? "The library asks for huge pages wherever it maps the heap."
-                          : "The system gives huge pages without being asked.";
+    const bool advised = transparent_mode(facts, heap, store).advised;
+    finding.meaning = advised ? "The library asks for huge pages wherever it maps the heap."
+                              : "The system gives huge pages without being asked.";
+    if (advised && !touches_advised_pages(kernel)) {
+      finding.meaning +=
+          " With this kernel they come only to a runtime that sets aggressively_acquire_thp: memory committed "
+          "otherwise "
+          "is there before it is mapped.";
+    }
   }
   return finding;
 }
