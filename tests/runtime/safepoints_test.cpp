@@ -13,6 +13,17 @@ namespace {
 
 using Safepoints = RuntimeTest;
 
+// The lowest pages are given back first, and those are premapped.
+TEST_F(Safepoints, MemoryThatIsCommittedAnew_IsTouchedAtEachView) {
+  start(16, 48);
+  ASSERT_EQ(memory->shrink(2), 2u);
+  EXPECT_EQ(Memory::touch_recommitted(), 0u);
+  ASSERT_EQ(memory->grow(2), 2u);
+  const uint64_t touches = Memory::touch_recommitted();
+  EXPECT_GT(touches, 0u);
+  EXPECT_EQ(touches % mini::kViews, 0u);
+}
+
 TEST_F(Safepoints, MutatorThatWaits_DoesNotHoldACollectionUp) {
   start();
   std::latch waiting(1);
