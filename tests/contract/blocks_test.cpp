@@ -1,6 +1,7 @@
 // Blocks, in spaces and at fixed addresses: sizes, sharing, and mappings that the system refuses.
 
 #include "contract.hpp"
+#include "support/stepping.hpp"
 
 namespace oxcontract {
 namespace {
@@ -116,19 +117,6 @@ TEST_F(Contract, FixedAddress_ThatCannotBeMapped_EndsTheProcess) {
   EXPECT_EQ(ox().mmap(place, kPage, kReadWrite, 2, 0), 0);
 }
 
-// Calls the handler between any two instructions of this thread, where another thread could be as well: the processor
-// traps after each while its trap flag is set.
-void interrupt_each_instruction(void (*handler)(int)) {
-  std::signal(SIGTRAP, handler);
-  asm volatile(
-      "leaq -128(%%rsp), %%rsp\n"  // the compiler may keep values below the stack pointer
-      "pushfq\n"
-      "orl $0x100, (%%rsp)\n"
-      "popfq\n"
-      "leaq 128(%%rsp), %%rsp\n" ::
-          : "cc", "memory");
-}
-
 char* interrupted = nullptr;  // the address that handlers look at
 char* elsewhere = nullptr;    // where they may allocate
 
@@ -143,14 +131,6 @@ void free_the_second_page_too(int) {
     ox().munmap(interrupted + kPage, kPage, 2, 0);
   }
 }
-
-// The thread sanitizer holds locks of its own between some instructions, for which the handler would wait for ever.
-#ifdef __SANITIZE_THREAD__
-#define SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED() \
-  GTEST_SKIP() << "the thread sanitizer can't be interrupted anywhere"
-#else
-#define SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED() static_cast<void>(0)
-#endif
 
 TEST_F(Contract, TwoThreadsAtOneFixedAddress_EndTheProcess) {
   SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED();
@@ -170,14 +150,14 @@ TEST_F(Contract, TwoThreadsAtOneFixedAddress_EndTheProcess) {
   // Between two instructions a second call begins, which nobody could grant: it has no account, or frees too much.
   EXPECT_END(
       {
-        interrupt_each_instruction([](int) { ox().mmap(interrupted, kPage, kReadWrite, 7, 0); });
+        oxtest::interrupt_each_instruction([](int) { ox().mmap(interrupted, kPage, kReadWrite, 7, 0); });
         ox().mmap(interrupted, kPage, kReadWrite, 2, 0);
       },
       "src/vmem/vmem_fixedAddressPageInfo", "page offset on free page?");
   ASSERT_EQ(ox().mmap(interrupted, kPage, kReadWrite, 2, 0), 0);
   EXPECT_END(
       {
-        interrupt_each_instruction([](int) { ox().munmap(interrupted, pages(2), 2, 0); });
+        oxtest::interrupt_each_instruction([](int) { ox().munmap(interrupted, pages(2), 2, 0); });
         ox().munmap(interrupted, kPage, 2, 0);
       },
       "src/vmem/vmem_fixedAddressPageInfo", "no page offset on allocated page?");
@@ -185,7 +165,7 @@ TEST_F(Contract, TwoThreadsAtOneFixedAddress_EndTheProcess) {
   elsewhere = reserve_tracked(2);
   EXPECT_END(
       {
-        interrupt_each_instruction(free_the_second_page_too);
+        oxtest::interrupt_each_instruction(free_the_second_page_too);
         ox().munmap(interrupted, pages(2), 2, 0);
       },
       "src/vmem/vmem_fixedAddressPageInfo", "Invalid pageinfo values for allocating page");
@@ -199,7 +179,7 @@ TEST_F(Contract, FixedAddress_LookedUpWhileItIsFreed_EndsTheProcess) {
   ASSERT_EQ(ox().mmap(interrupted, kPage, kReadWrite, 2, 0), 0);
   EXPECT_END(
       {
-        interrupt_each_instruction([](int) { offset_of(-1, interrupted); });
+        oxtest::interrupt_each_instruction([](int) { offset_of(-1, interrupted); });
         ox().munmap(interrupted, kPage, 2, 0);
       },
       "src/vmem/vmem_fixedAddressManager", "NoPage on an allocated page?");

@@ -21,6 +21,7 @@
 #include "pmem/pmem_helper.hpp"
 #include "race.hpp"
 #include "residency.hpp"
+#include "stepping.hpp"
 #include "utils/internalMemoryUsage.hpp"
 
 namespace oxtest {
@@ -979,12 +980,10 @@ TEST_F(RecordTest, Lock_HeldByAnother_YieldsUntilItIsReleased) {
 }
 
 TEST_F(RecordTest, Unlock_AnotherBitChangesMeanwhile_Dies) {
-  EXPECT_DEATH(oxtest::while_another_bit_changes(lock_byte(page),
-                                                 [&] {
-                                                   page->lock();
-                                                   page->unlock();
-                                                   return false;
-                                                 }),
+  SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED();
+  const auto flip_another_bit = [this] { lock_byte(page).fetch_xor(0x80); };
+  const auto unlock = [this] { page->unlock(); };
+  EXPECT_DEATH(for (long at = 0; page->lock() == 0 && oxtest::changed_after(at, flip_another_bit, unlock); ++at){},
                dies_with(kPath, kUnlockRace));
 }
 

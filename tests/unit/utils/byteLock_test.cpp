@@ -2,10 +2,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <thread>
 
 #include "fixtures.hpp"
-#include "race.hpp"
+#include "stepping.hpp"
 
 namespace {
 
@@ -21,6 +22,7 @@ class ByteLockTest : public oxtest::FaultTest {
   std::atomic_ref<uint8_t> byte() { return std::atomic_ref<uint8_t>(*reinterpret_cast<uint8_t*>(&lock)); }
 
   ByteLock lock;
+  const std::function<void()> flip_another_bit = [this] { byte().fetch_xor(0x80); };
 };
 
 TEST_F(ByteLockTest, ByteLock_New_IsUnlocked) {
@@ -88,42 +90,39 @@ TEST_F(ByteLockTest, Lock_YieldFails_KeepsWaiting) {
 }
 
 TEST_F(ByteLockTest, Lock_AnotherBitChangesMeanwhile_TriesAgainWithoutYielding) {
-  int rounds = 0;
-  int failures = 0;
-  EXPECT_TRUE(oxtest::while_another_bit_changes(byte(), [&] {
-    failures += lock.lock() != 0 || !lock.is_locked() ? 1 : 0;
-    byte().fetch_and(0xfe);
-    return ++rounds == 1000000;
-  }));
-  EXPECT_EQ(failures, 0);
+  SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED();
+  long result = 0;
+  for (long at = 0; byte() = 0, oxtest::changed_after(at, flip_another_bit, [&] { result = lock.lock(); }); ++at) {
+    EXPECT_EQ(result, 0) << at;
+    EXPECT_EQ(byte(), 0x81) << at;
+  }
   EXPECT_EQ(Faults::count(Call::sched_yield), 0);
 }
 
 TEST_F(ByteLockTest, TryLock_AnotherBitChangesMeanwhile_AnswersEbusyAndStaysUnlocked) {
-  const bool raced = oxtest::while_another_bit_changes(byte(), [&] {
+  SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED();
+  int refused = 0;
+  long result = 0;
+  errno = 0;
+  for (long at = 0; byte() = 0, oxtest::changed_after(at, flip_another_bit, [&] { result = lock.try_lock(); }); ++at) {
+    refused += result == -1 ? 1 : 0;
+    EXPECT_EQ(byte(), result == -1 ? 0x80 : 0x81) << at;
+    EXPECT_EQ(errno, result == -1 ? EBUSY : 0) << at;
     errno = 0;
-    if (lock.try_lock() == -1) {
-      return true;
-    }
-    byte().fetch_and(0xfe);
-    return false;
-  });
-  const int error = errno;
-  EXPECT_TRUE(raced) << "the race never happened";
-  EXPECT_EQ(error, EBUSY);
-  EXPECT_FALSE(lock.is_locked());
+  }
+  EXPECT_GT(refused, 0) << "no instruction between the read and the exchange";
 }
 
 TEST_F(ByteLockTest, Unlock_AnotherBitChangesMeanwhile_TellsSoAndStaysLocked) {
-  ByteLock::Unlock result = ByteLock::Unlock::Done;
-  const bool raced = oxtest::while_another_bit_changes(byte(), [&] {
-    lock.lock();
-    result = lock.unlock();
-    return result != ByteLock::Unlock::Done;
-  });
-  EXPECT_TRUE(raced) << "the race never happened";
-  EXPECT_EQ(result, ByteLock::Unlock::Changed);
-  EXPECT_TRUE(lock.is_locked());
+  SKIP_WHERE_INSTRUCTIONS_CANT_BE_INTERRUPTED();
+  int refused = 0;
+  ByteLock::Unlock result = ByteLock::Unlock::NotLocked;
+  for (long at = 0; byte() = 1, oxtest::changed_after(at, flip_another_bit, [&] { result = lock.unlock(); }); ++at) {
+    refused += result == ByteLock::Unlock::Changed ? 1 : 0;
+    EXPECT_EQ(byte(), result == ByteLock::Unlock::Changed ? 0x81 : 0x80) << at;
+    EXPECT_NE(result, ByteLock::Unlock::NotLocked) << at;
+  }
+  EXPECT_GT(refused, 0) << "no instruction between the read and the exchange";
 }
 
 TEST_F(ByteLockTest, Lock_TwoThreads_ExcludeEachOther) {
