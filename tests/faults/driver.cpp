@@ -23,15 +23,15 @@ constexpr int kErrnoBefore = 4321;  // no error of any system
 constexpr int kNoFault = 0;
 constexpr unsigned kSecondsForARun = 60;
 constexpr int kFailedRun = 3;
+constexpr int kTriesInterrupted = 3;
 
-// Pseudo-calls behind those that the linker redirects: reads of files, and of memory through the runtime's stub.
+// A pseudo-call behind those that are redirected: the read of memory through the runtime's stub.
 constexpr int kTouch = static_cast<int>(Call::kCount);
-constexpr int kFile = kTouch + 1;
 
 struct Point {
   int step;
-  int call;         // a Call, kTouch or kFile
-  int index;        // of the call within the step; of the file within its list
+  int call;         // a Call or kTouch
+  int index;        // of the call within the step
   int place_index;  // of the call among those at the same place
   char place[80];
 };
@@ -61,7 +61,7 @@ int stderr_file = -1;
 bool inside_call = false;
 bool counting = false;
 int current_step = 0;
-int calls_of[kFile + 1];
+int calls_of[kTouch];
 int touches_every = 1;
 int touches = 0;
 int touch_to_fail = -1;
@@ -79,6 +79,15 @@ void fail_run(const std::string& text) {
 [[noreturn]] void end_run() {
   std::fflush(nullptr);
   _exit(report->failures_at == 0 ? 0 : kFailedRun);
+}
+
+// The file that was opened last: the library reads one after the other. What fails while it is opened and read is all
+// the same to the library.
+char open_file[80];
+
+void note_open_file(const char* path) {
+  const bool of_a_process = std::strncmp(path, "/proc/", 6) == 0 && path[6] >= '0' && path[6] <= '9';
+  std::snprintf(open_file, sizeof open_file, "file %s", of_a_process ? "/proc/PID/maps" : path);
 }
 
 const char* place_of(Call call, const std::array<long, 6>& arguments) {
@@ -135,6 +144,12 @@ const char* place_of(Call call, const std::array<long, 6>& arguments) {
       return "mutex unlock";
     case Call::pthread_sigmask:
       return "sigmask";
+    case Call::fopen64:
+      note_open_file(reinterpret_cast<const char*>(arguments[0]));
+      return open_file;
+    case Call::read:
+    case Call::operator_new_streams:
+      return open_file;
     case Call::operator_new:
       return "new";
     case Call::operator_new_nothrow:
@@ -174,11 +189,12 @@ void note_injected(const char* place) {
 }
 
 void observe(Call call, const std::array<long, 6>& arguments, int error) {
+  const char* const place = place_of(call, arguments);
   if (counting) {
-    add_point(static_cast<int>(call), calls_of[static_cast<int>(call)]++, place_of(call, arguments));
+    add_point(static_cast<int>(call), calls_of[static_cast<int>(call)]++, place);
   }
   if (error != 0) {
-    note_injected(place_of(call, arguments));
+    note_injected(place);
   }
 }
 
@@ -402,9 +418,6 @@ void begin_child() {
   scenario.prepare();
   for (current_step = 0; current_step < static_cast<int>(scenario.steps.size()); ++current_step) {
     const Step& step = scenario.steps[static_cast<size_t>(current_step)];
-    for (size_t file = 0; file < step.files.size(); ++file) {
-      add_point(kFile, static_cast<int>(file), ("file " + step.files[file]).c_str());
-    }
     run_plain(step, true);
     if (!step.ends_the_library) {
       check_invariants(scenario, current_step, {}, "after " + step.name + " without a fault");
@@ -462,7 +475,7 @@ const Expect* expectation(const Scenario& scenario, const Fault& fault) {
 }
 
 // The errors that the kernel and the C library can really give.
-const std::vector<int>& errors_at(const std::string& place) {
+const std::vector<int>& errors_at(const Point& point) {
   static const std::map<std::string, std::vector<int>> errors = {
       {"mmap fixed table", {ENOMEM, EAGAIN}},
       {"mmap records", {ENOMEM, EAGAIN}},
@@ -494,16 +507,23 @@ const std::vector<int>& errors_at(const std::string& place) {
       {"new nothrow", {ENOMEM}},
       {"touch", {ENOMEM}},
   };
-  static const std::vector<int> unreadable = {ENOENT};
-  return place.rfind("file ", 0) == 0 ? unreadable : errors.at(place);
+  static const std::map<int, std::vector<int>> errors_of_files = {
+      {static_cast<int>(Call::fopen64), {ENOENT, EACCES, EMFILE}},
+      {static_cast<int>(Call::read), {EIO, ENOMEM, EINTR}},
+      {static_cast<int>(Call::operator_new_streams), {ENOMEM}},
+  };
+  const auto of_a_file = errors_of_files.find(point.call);
+  return of_a_file == errors_of_files.end() ? errors.at(point.place) : of_a_file->second;
+}
+
+// The streams read again for as long as they are interrupted.
+bool is_tried_again(const Fault& fault) {
+  return fault.point.call == static_cast<int>(Call::read) && fault.error == EINTR;
 }
 
 void arm(const Fault& fault, const Step& step) {
-  const int times = fault.extent == Extent::Later ? step.later : 1;
-  if (fault.point.call == kFile) {
-    Faults::replace_file(step.files[static_cast<size_t>(fault.point.index)], std::nullopt);
-    note_injected(fault.point.place);
-  } else if (fault.point.call == kTouch) {
+  const int times = fault.extent == Extent::Once ? 1 : is_tried_again(fault) ? kTriesInterrupted : step.later;
+  if (fault.point.call == kTouch) {
     touch_to_fail = fault.point.index;
     later_touches_too = times != 1;
   } else {
@@ -511,11 +531,9 @@ void arm(const Fault& fault, const Step& step) {
   }
 }
 
-void disarm(const Fault& fault, const Step& step) {
+void disarm(const Fault& fault) {
   touch_to_fail = -1;
-  if (fault.point.call == kFile) {
-    Faults::forget_file(step.files[static_cast<size_t>(fault.point.index)]);
-  } else if (fault.point.call != kTouch) {
+  if (fault.point.call != kTouch) {
     Faults::fail(static_cast<Call>(fault.point.call), kNoFault, 0, 0);
   }
 }
@@ -552,7 +570,7 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
   std::snprintf(report->where, sizeof report->where, "%s", step.name.c_str());
   arm(fault, step);
   const Answer answer = call_observed(step, false);
-  disarm(fault, step);
+  disarm(fault);
   if (expect.at_once) {
     expect.at_once();
   }
@@ -808,11 +826,9 @@ void run(const Scenario& scenario) {
   ASSERT_FALSE(points.empty());
   Numbers numbers;
   for (const Point& point : points) {
-    for (const int error : errors_at(point.place)) {
+    for (const int error : errors_at(point)) {
       try_fault(scenario, {point, error, Extent::Once}, numbers);
-      if (point.call != kFile) {
-        try_fault(scenario, {point, error, Extent::Later}, numbers);
-      }
+      try_fault(scenario, {point, error, Extent::Later}, numbers);
     }
   }
   Total::numbers.add(numbers);

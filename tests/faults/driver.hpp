@@ -105,7 +105,6 @@ struct Step {
   // Why the result of the call without a fault is wrong, or "".
   std::function<std::string(int64_t result, int error)> verify{};
   int later = kForever;                // how many calls fail where the library tries again until one succeeds
-  std::vector<std::string> files{};    // what the call reads under /proc and /sys
   std::function<void()> afterwards{};  // at once after the call
   Allowing allowed{};                  // from this step on, also without a fault
   bool ends_the_library = false;       // nothing of the library can be used any more
