@@ -29,7 +29,7 @@ inline constexpr int kUntouched = -2;  // errno stays as it was before the call
 inline constexpr int kAnyError = -3;   // the call's result tells; its errno has no meaning
 inline constexpr int64_t kAnyResult = INT64_MIN;
 
-// What a refused call may change, and why it is not undone.
+// What a refused call may change, and why it is not undone. How much is committed and funded is told exactly.
 enum Change : unsigned {
   kNothing = 0,
   kCommits = 1,      // pages committed on the way stay committed
@@ -38,14 +38,17 @@ enum Change : unsigned {
   kCached = 8,       // blocks went to the cache, or were flushed out of it
   kZones = 16,       // pages moved between the lists of their zones, which take memory for it
   kInternal = 32,    // objects that a half-made space keeps
-  kDescriptor = 64,  // the file of a start-up that failed later on
+  kDescriptor = 64,  // the file of a start-up that failed later on, or of a library that ended
   kOutside = 128,    // the single page's place outside the premapped region is counted before it is mapped
-  kEverything = ~0U
+  kUsed = 256        // pages of a block that could not be freed as a whole
 };
+
+// As many pages as calls at the same place had come before the one that failed.
+inline constexpr int64_t kOneForEachCallBefore = INT64_MIN;
 
 struct Expect {
   enum class Kind { Succeeds, Refuses, Dies };
-  enum class Then { Again, GoOn, Stop };
+  enum class Then { Again, Stop };
 
   Kind kind = Kind::Succeeds;
   int64_t result_value = -1;
@@ -53,22 +56,23 @@ struct Expect {
   std::string path;
   std::string message;
   unsigned changes = kNothing;
+  int64_t committed_pages = 0;
+  int64_t funded_pages = 0;
   Allowing allowed;
-  bool checked = true;  // false where the state that stays behind has lost pages for good
   Then then = Then::Again;
   std::function<void()> at_once;             // before anything else happens in the process
   std::function<std::string()> try_instead;  // in place of the same call again
   std::string log;
 
   Expect result(int64_t value) const { return with(&Expect::result_value, value); }
-  Expect changing(unsigned what) const { return with(&Expect::changes, what); }
-  Expect allowing(Allowing what) const { return with(&Expect::allowed, what); }
+  Expect changing(unsigned what) const { return with(&Expect::changes, changes | what); }
+  Expect committing(int64_t pages) const { return changing(kCommits).with(&Expect::committed_pages, pages); }
+  Expect funding(int64_t pages) const { return changing(kFund).with(&Expect::funded_pages, pages); }
+  Expect allowing(Allowing what) const { return with(&Expect::allowed, allowed | what); }
   Expect says(const std::string& text) const { return with(&Expect::log, text); }
   Expect first(std::function<void()> action) const { return with(&Expect::at_once, std::move(action)); }
   Expect instead(std::function<std::string()> action) const { return with(&Expect::try_instead, std::move(action)); }
-  Expect losing_pages() const { return with(&Expect::checked, false).with(&Expect::then, Then::GoOn); }
   Expect the_end() const { return with(&Expect::then, Then::Stop); }
-  Expect unchecked() const { return with(&Expect::checked, false); }
 
  private:
   template <typename Member, typename Value>
@@ -85,6 +89,7 @@ Expect dies(const std::string& path, const std::string& message);
 
 inline constexpr Allowing kDrifted{.drifted_references = true};
 inline constexpr Allowing kHalfCommitted{.commits_outside_zones = true};
+inline constexpr Allowing kLost{.lost_pages = true};
 
 // Which faults a row speaks of: a place, and where given the errors, the first and last call at this place within the
 // step, and whether the later calls fail too.

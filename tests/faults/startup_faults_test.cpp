@@ -56,18 +56,20 @@ Step register_alias_step(uint64_t size) {
     const int64_t index = ox_register_alias_for_space_pliv(0, alias_base, kReadWrite, kMultiPage);
     return index == 1 ? "" : "the next alias must have index 1";
   };
-  step.rows = {{"mmap region", refuses().says("Mapping to backing storage failed with errno ").instead(another)}};
+  const Expect not_premapped = refuses().allowing({.partly_mapped_blocks = true});
+  step.rows = {{"mmap region", not_premapped.says("Mapping to backing storage failed with errno ").instead(another)}};
   return step;
 }
 
 // A page that is committed when it is handed out. When it can't be, the account is cut to what is committed.
 Step allocate_on_demand(const std::string& name, char** place) {
-  const Expect too_little = refuses(ENOMEM).changing(kFund);
+  constexpr int64_t kNotCommitted = 2;
+  const Expect too_little = refuses(ENOMEM).funding(-kNotCommitted);
   return with(allocate_step(name, 0, 1, place), {{"fallocate commit", too_little},
                                                  {"mmap commit", too_little},
                                                  {"touch", too_little},
                                                  {"munmap", succeeds().allowing(kDrifted)},
-                                                 mapping_refused(kCommits | kOutside)});
+                                                 mapping_refused(kOutside, 0, 0, 1)});
 }
 
 char* premapped = nullptr;
@@ -80,7 +82,7 @@ std::vector<Step> life(const Heap& heap) {
   return {initialize(heap),
           set_maximum(heap.maximum_pages),
           create_account(heap.fund_pages),
-          create_zone("zone", 0, 6, 8, true),
+          create_zone("zone", 0, 6, 8, true, static_cast<int64_t>(heap.initial_pages)),
           reserve_step(kSpace, &alias_base),
           register_space_step(kSpace, 2, 0, kMapAll),
           register_alias_step(kSpace),
