@@ -432,7 +432,11 @@ void begin_child() {
   scenario.prepare();
   for (current_step = 0; current_step < static_cast<int>(scenario.steps.size()); ++current_step) {
     const Step& step = scenario.steps[static_cast<size_t>(current_step)];
+    const int points_before = report->points;
     run_plain(step, true);
+    if (!step.reaches_the_system && report->points != points_before) {
+      fail_run(step.name + " reaches the system: " + report->point[points_before].place);
+    }
     if (!step.ends_the_library) {
       check_invariants(scenario, current_step, {}, "after " + step.name + " without a fault");
     }
@@ -604,6 +608,10 @@ void check_changes(const Visible& before, const Visible& after, const Expect& ex
     check_amount(before, after, "committed", expect.committed_pages, fault);
   }
   check_amount(before, after, "account 2 fund", expect.funded_pages, fault);
+  const int64_t kept = after.value("internal usage") - before.value("internal usage");
+  if ((expect.changes & kInternal) != 0 && kept != static_cast<int64_t>(expect.kept_bytes)) {
+    fail_run("kept " + std::to_string(kept) + " bytes, must keep " + std::to_string(expect.kept_bytes));
+  }
 }
 
 // The step with the fault; tells whether the step is still to be done.
@@ -861,7 +869,9 @@ void run(const Scenario& scenario) {
       << scenario.name << " without a fault, in " << report->where << ":\n"
       << report->failures << standard_error();
   const std::vector<Point> points(report->point, report->point + report->points);
-  ASSERT_FALSE(points.empty());
+  const bool reaches_the_system = std::any_of(scenario.steps.begin(), scenario.steps.end(),
+                                              [](const Step& step) { return step.reaches_the_system; });
+  ASSERT_EQ(points.empty(), !reaches_the_system);
   Numbers numbers;
   for (const Point& point : points) {
     for (const int error : errors_at(point)) {

@@ -56,6 +56,7 @@ struct Expect {
   std::string path;
   std::string message;
   unsigned changes = kNothing;
+  unsigned long kept_bytes = 0;
   int64_t committed_pages = 0;
   int64_t funded_pages = 0;
   Allowing allowed;
@@ -66,6 +67,7 @@ struct Expect {
 
   Expect result(int64_t value) const { return with(&Expect::result_value, value); }
   Expect changing(unsigned what) const { return with(&Expect::changes, changes | what); }
+  Expect keeping(unsigned long bytes) const { return changing(kInternal).with(&Expect::kept_bytes, bytes); }
   Expect committing(int64_t pages) const { return changing(kCommits).with(&Expect::committed_pages, pages); }
   Expect funding(int64_t pages) const { return changing(kFund).with(&Expect::funded_pages, pages); }
   Expect allowing(Allowing what) const { return with(&Expect::allowed, allowed | what); }
@@ -113,6 +115,7 @@ struct Step {
   std::function<void()> afterwards{};  // at once after the call
   Allowing allowed{};                  // from this step on, also without a fault
   bool ends_the_library = false;       // nothing of the library can be used any more
+  bool reaches_the_system = true;      // otherwise no call of the system may be counted
 };
 
 struct Scenario {

@@ -160,8 +160,12 @@ TEST(AllocationFaults, UndoneMapping) {
 // ---- Growing and shrinking
 
 // Two zones that can grow by eight pages each; the first has handed out what it has.
-void prepare_growth() {
-  start({.initial_pages = 4, .maximum_pages = 32, .fund_pages = 6});
+void prepare_growth(bool by_touching = false) {
+  start({.initial_pages = 4,
+         .maximum_pages = 32,
+         .fund_pages = 6,
+         .transparent_huge_pages = by_touching,
+         .aggressive = by_touching});
   add_zone(0, 4, 12, true);
   add_zone(12, 2, 10, false);
   add_alias(add_space(32, 8, 0, kMapAll), 32);
@@ -200,9 +204,39 @@ TEST(GrowthFaults, GrowingShrinkingAndTakingAgain) {
   Step pretouch{"pretouch", [] { return ox_pretouch_committed_pages_pliv(100, nullptr); }};
   pretouch.verify = answers(0);
   run({"growth",
-       prepare_growth,
+       [] { prepare_growth(); },
        {with(grow("six more pages", 6), growing(6, {0, 1, 2}, false)), with(partly, growing(4, {0, 1}, true)),
         shrink("five pages back", 5), with(grow("four of them again", 4), taking_again), pretouch}});
+}
+
+// A page is mapped, read and unmapped again in place of one call. Pages given back are taken again in the same way.
+TEST(GrowthFaults, GrowingAndTakingAgainByTouching) {
+  const auto so_far = [](int error, int done) {
+    return refuses(error).changing(done == 0 ? kNothing : kZones).committing(done).funding(done);
+  };
+  const Row left_mapped = {"munmap", succeeds().allowing(kDrifted)};
+  const auto rows = [&](int count, const std::vector<int>& starts, bool in_zones) {
+    std::vector<Row> all = {left_mapped};
+    for (int done = 0; done < count; ++done) {
+      const bool listed = in_zones || std::find(starts.begin(), starts.end(), done) != starts.end();
+      const Expect failed = so_far(kInjected, done).allowing(listed ? Allowing{} : kHalfCommitted);
+      all.push_back({"touch", so_far(ENOMEM, done), {}, Extent::Any, done, done});
+      all.push_back({"mmap commit", so_far(ENOMEM, done), {ENOMEM}, Extent::Any, done, done});
+      all.push_back({"mmap commit", failed, {}, Extent::Any, done, done});
+    }
+    return all;
+  };
+  const auto prepare = [] {
+    commit_by_touching();
+    prepare_growth(true);
+  };
+  const std::vector<Row> no_list = {
+      {"new", dies("src/pmem/pmem_pageZone", "failure in allocating freelist not handled now")}};
+  const std::vector<Row> no_list_again = {{"new", dies(kAllocatorUnit, kLostPage)}};
+  run({"growth by touching",
+       prepare,
+       {with(grow("six more pages", 6), rows(6, {0, 1, 2}, false) + no_list), shrink("five pages back", 5),
+        with(grow("four of them again", 4), rows(4, {}, true) + no_list_again)}});
 }
 
 // What is given back or taken again half-way finds its list without the memory to go back to it.
@@ -349,8 +383,10 @@ TEST(StatisticsFaults, CallsThatOnlyLook) {
     start({.initial_pages = 4, .maximum_pages = 16, .fund_pages = 8});
     add_zone(0, 6, 8, true);
     add_zone(8, 2, 8, false);
-    add_alias(add_space(16, 0, 4, kCache), 16);
-    release(0, allocate(0, 2), 2);
+    for (const long space : {0L, 1L}) {
+      add_alias(add_space(16, 0, 4, kCache), 16);
+      release(space, allocate(space, 2), 2);
+    }
   };
   const auto usage = [] {
     static ox_pliv_account_usage_buffer_t buffer;

@@ -17,6 +17,22 @@ constexpr const char* kFixedUnit = "src/vmem/vmem_fixedAddressManager";
 char* aliases[3];
 char* blocks[6];
 
+// ---- Registration
+
+TEST(SpaceFaults, SpaceWithACache) {
+  static char* base = nullptr;
+  const auto prepare = [] {
+    start({.initial_pages = 4, .maximum_pages = 16, .fund_pages = 4});
+    add_zone(0, 4, 8, true);
+    base = reserve(16);
+  };
+  const Step alias{"alias", [] { return ox_register_alias_for_space_pliv(0, base, kReadWrite, kMultiPage); }};
+  run({"space with a cache",
+       prepare,
+       {register_space_step(16, 0, 4, kCache), alias,
+        with(allocate_step("block", 0, 2, &blocks[0]), {mapping_refused(kNothing)})}});
+}
+
 // ---- Blocks at every alias
 
 // Two premapped pages, both taken; three aliases, the last of which maps single pages only and

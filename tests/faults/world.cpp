@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "pmem/pmem.hpp"
+#include "vmem/vmem_spaceManager.hpp"
+
 namespace oxtest::faults {
 
 namespace {
@@ -103,6 +106,12 @@ void with_transparent_huge_pages_on_advice() {
   Faults::replace_file(kShmemFile, "always within_size [advise] never deny force\n");
 }
 
+void commit_by_touching() {
+  with_transparent_huge_pages_on_advice();
+  pretend_kernel("5.10.1");
+  touch_faults_every(512);
+}
+
 Step initialize(const Heap& heap) {
   Step step;
   step.name = "start-up";
@@ -193,6 +202,30 @@ Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, ui
       {"touch", after_others(ENOMEM)},
       {"munmap", succeeds().allowing(kDrifted)},  // the mapping through which the page was touched stays
   };
+  return step;
+}
+
+Step register_space_step(uint64_t size, uint64_t premapped, uint64_t cache, int flags) {
+  Step step;
+  step.name = "space";
+  step.call = [=] { return ox_register_space_pliv(pages(size), pages(premapped), pages(cache), flags); };
+  step.verify = answers(0);
+  // A space that could not be finished stays, and so do the parts that it got; its id is given to the next one.
+  const auto abandoned = [](int error, unsigned long kept) {
+    return refuses(error).keeping(kept).allowing({.abandoned_spaces = true});
+  };
+  const unsigned long space = sizeof(oxpliv::VMEM_SpaceManager);
+  const unsigned long allocator = space + sizeof(oxpliv::AOFirstFitAllocator);
+  const unsigned long range = allocator + oxpliv::BlockTree::node_bytes();
+  const unsigned long records = range + oxpliv::PMEM::native_small_page_size();
+  step.rows = {{"new nothrow", refuses(ENOMEM), {}, Extent::Any, 0, 0},
+               {"mutex init", abandoned(kUntouched, space), {}, Extent::Any, 0, 0},
+               {"new nothrow", abandoned(ENOMEM, space), {}, Extent::Any, 1, 1},
+               {"new", abandoned(ENOMEM, allocator)},
+               {"mmap records", abandoned(kInjected, range)},
+               // Of the cache, the table of its lists, and its mutex.
+               {"new nothrow", abandoned(ENOMEM, records)},
+               {"mutex init", abandoned(kUntouched, records)}};
   return step;
 }
 

@@ -53,6 +53,10 @@ void release(long space, char* address, uint64_t count);
 void without_transparent_huge_pages();
 void with_transparent_huge_pages_on_advice();
 
+// With such pages, and if the runtime wants them at any price: pages are committed by reading in each of them. Every
+// 512th read, the first of a page, is a place that can fail.
+void commit_by_touching();
+
 // ---- Steps
 
 // The alias that blocks are allocated at: the second one where the first could not be registered as a whole.
@@ -64,6 +68,7 @@ Step create_account(uint64_t count);
 // A zone that is given memory for `prefunded` pages as it is made.
 Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, uint64_t maximum, bool blocks,
                  int64_t prefunded);
+Step register_space_step(uint64_t size, uint64_t premapped, uint64_t cache, int flags);
 Step grow(const std::string& name, uint64_t count);
 Step shrink(const std::string& name, uint64_t count);
 Step allocate_step(const std::string& name, long space, uint64_t count, char** place);
