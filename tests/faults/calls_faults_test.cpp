@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
+#include <string>
 
 #include "world.hpp"
 
@@ -121,11 +122,17 @@ TEST(QuietCalls, NoExportedCallIsForgotten) {
   for (const auto& file : std::filesystem::directory_iterator(source / "tests/faults")) {
     scenarios += text_of(file.path());
   }
+  constexpr const char* kEndOfName = "_pliv(";
   const std::string header = text_of(source / "src/oxpliv/ox_memory_pliv.h");
-  const std::regex declaration("\\b(ox_[a-z0-9_]+_pliv)\\(");
   int calls = 0;
-  for (std::sregex_iterator found(header.begin(), header.end(), declaration), end; found != end; ++found, ++calls) {
-    EXPECT_NE(scenarios.find(found->str(1) + "("), std::string::npos) << found->str(1);
+  for (size_t end = header.find(kEndOfName); end != std::string::npos;
+       end = header.find(kEndOfName, end + 1), ++calls) {
+    size_t start = end;
+    while (std::isalnum(static_cast<unsigned char>(header[start - 1])) != 0 || header[start - 1] == '_') {
+      --start;
+    }
+    const std::string call = header.substr(start, end - start) + kEndOfName;
+    EXPECT_NE(scenarios.find(call), std::string::npos) << call;
   }
   EXPECT_GT(calls, 60);
 }
