@@ -183,9 +183,26 @@ void add_point(int call, int index, const char* place) {
   std::snprintf(point.place, sizeof point.place, "%s", place);
 }
 
+// The calls that ask for memory, and the error by which they are refused it.
+struct MemoryCall {
+  Call call;
+  int error;
+};
+constexpr MemoryCall kMemoryCalls[] = {{Call::mmap64, ENOMEM},
+                                       {Call::fallocate64, ENOSPC},
+                                       {Call::operator_new, ENOMEM},
+                                       {Call::operator_new_nothrow, ENOMEM},
+                                       {Call::operator_new_streams, ENOMEM}};
+int memory_refusals = 0;  // of each of them, from the first fault on
+
 void note_injected(const char* place) {
   if (!report->injected) {
     report->injected = true;
+    for (const MemoryCall& refused : kMemoryCalls) {
+      if (memory_refusals != 0) {
+        Faults::fail(refused.call, refused.error, 0, memory_refusals);
+      }
+    }
     std::snprintf(report->place, sizeof report->place, "%s", place);
   }
 }
@@ -460,7 +477,9 @@ std::string text_of(const Scenario& scenario, const Fault& fault) {
   const std::string& step = scenario.steps[static_cast<size_t>(fault.point.step)].name;
   return scenario.name + ", " + step + ": " + fault.point.place + " #" + std::to_string(fault.point.place_index) +
          " fails with " + (fault.error == 0 ? "no error" : strerrorname_np(fault.error)) +
-         (fault.extent == Extent::Later ? ", and so do all later ones" : "");
+         (fault.extent == Extent::Later      ? ", and so do all later ones"
+          : fault.extent == Extent::NoMemory ? ", and so does all that asks for memory"
+                                             : "");
 }
 
 // The same wherever they happen.
@@ -475,21 +494,30 @@ const std::vector<Row>& common_rows() {
   return rows;
 }
 
+bool covers(Extent extent, Extent of_fault) {
+  return extent == Extent::Any || extent == of_fault || (extent == Extent::Later && of_fault == Extent::NoMemory);
+}
+
 bool speaks_of(const Row& row, const Fault& fault) {
-  return row.place == fault.point.place && (row.extent == Extent::Any || row.extent == fault.extent) &&
+  return row.place == fault.point.place && covers(row.extent, fault.extent) &&
          (row.errors.empty() || std::find(row.errors.begin(), row.errors.end(), fault.error) != row.errors.end()) &&
          row.from <= fault.point.place_index && fault.point.place_index <= row.to;
 }
 
 const Expect* expectation(const Scenario& scenario, const Fault& fault) {
+  const Expect* of_a_wider_row = nullptr;
   for (const auto* rows : {&scenario.steps[static_cast<size_t>(fault.point.step)].rows, &common_rows()}) {
     for (const Row& row : *rows) {
-      if (speaks_of(row, fault)) {
+      if (!speaks_of(row, fault)) {
+        continue;
+      }
+      if (fault.extent != Extent::NoMemory || row.extent == Extent::NoMemory) {
         return &row.expect;
       }
+      of_a_wider_row = of_a_wider_row == nullptr ? &row.expect : of_a_wider_row;
     }
   }
-  return nullptr;
+  return of_a_wider_row;
 }
 
 // The errors that the kernel and the C library can really give.
@@ -539,8 +567,15 @@ bool is_tried_again(const Fault& fault) {
   return fault.point.call == static_cast<int>(Call::read) && fault.error == EINTR;
 }
 
+bool asks_for_memory(const Point& point, int error) {
+  return point.call == kTouch || std::any_of(std::begin(kMemoryCalls), std::end(kMemoryCalls), [&](const auto& asking) {
+           return point.call == static_cast<int>(asking.call) && error == asking.error;
+         });
+}
+
 void arm(const Fault& fault, const Step& step) {
   const int times = fault.extent == Extent::Once ? 1 : is_tried_again(fault) ? kTriesInterrupted : step.later;
+  memory_refusals = fault.extent == Extent::NoMemory ? step.later : 0;
   if (fault.point.call == kTouch) {
     touch_to_fail = fault.point.index;
     later_touches_too = times != 1;
@@ -551,8 +586,12 @@ void arm(const Fault& fault, const Step& step) {
 
 void disarm(const Fault& fault) {
   touch_to_fail = -1;
+  memory_refusals = 0;
   if (fault.point.call != kTouch) {
     Faults::fail(static_cast<Call>(fault.point.call), kNoFault, 0, 0);
+  }
+  for (const MemoryCall& refused : kMemoryCalls) {
+    Faults::fail(refused.call, kNoFault, 0, 0);
   }
 }
 
@@ -877,6 +916,9 @@ void run(const Scenario& scenario) {
     for (const int error : errors_at(point)) {
       try_fault(scenario, {point, error, Extent::Once}, numbers);
       try_fault(scenario, {point, error, Extent::Later}, numbers);
+      if (asks_for_memory(point, error)) {
+        try_fault(scenario, {point, error, Extent::NoMemory}, numbers);
+      }
     }
   }
   Total::numbers.add(numbers);

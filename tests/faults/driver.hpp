@@ -15,7 +15,8 @@
 // A scenario is a way of preparing the library and a row of steps, each of them one exported call. It first runs without
 // a fault, in a child process, where the calls of each step are counted. Then it runs again for every counted call and
 // every error that the system can give there, once with that call alone failing and once with all later ones of the same
-// kind failing too, each time in a child of its own. Faults are armed inside the exported call only: what the test does
+// kind failing too, each time in a child of its own. A call that asks for memory also fails together with all later ones
+// that do, of whatever kind: the machine has none left. Faults are armed inside the exported call only: what the test does
 // by itself neither fails nor counts.
 //
 // What a fault must lead to stands in the steps' tables, by the place of the failing call: "mmap region" is a mapping of
@@ -94,8 +95,9 @@ inline constexpr Allowing kHalfCommitted{.commits_outside_zones = true};
 inline constexpr Allowing kLost{.lost_pages = true};
 
 // Which faults a row speaks of: a place, and where given the errors, the first and last call at this place within the
-// step, and whether the later calls fail too.
-enum class Extent { Any, Once, Later };
+// step, and whether the later calls fail too: all of the same kind, or all that ask for memory. Rows speak of the
+// second, too, unless another one tells what comes of the lack of any memory.
+enum class Extent { Any, Once, Later, NoMemory };
 struct Row {
   std::string place;
   Expect expect;

@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kAllocatorUnit = "src/pmem/pmem_pageAllocator";
 constexpr const char* kLostPage = "ENOMEM when freeing a page not handled yet";
+constexpr const char* kLostBlock = "ENOMEM when freeing a block not handled yet";
 constexpr int kFirst = 0;
 
 // What a fault does to a commit: a full file system is what callers know as out of memory.
@@ -51,16 +52,19 @@ Scenario single_pages(const std::string& name, bool allow_zones) {
             {"fallocate commit", too_little(not_committed)},
             mapping_refused(kOutside, 0, 0, 1)};
   };
+  const std::vector<Row> no_memory_left = {{"fallocate commit", dies(kAllocatorUnit, kLostPage), {}, Extent::NoMemory},
+                                           losing_what_was_taken(mapping_refused(kOutside, 0, 0, 1))};
   const std::vector<Row> last_zone = {{"fallocate commit", too_little(2)}, mapping_refused(kOutside, 0, 0, 1)};
   return {"single pages: " + name,
           [allow_zones] { prepare_single_pages(allow_zones); },
           {with(allocate_step("first page on demand", 0, 1, &pages_taken[2]), next_zone_helps(4)),
-           with(allocate_step("second page on demand", 0, 1, &pages_taken[3]), next_zone_helps(3)),
+           with(allocate_step("second page on demand", 0, 1, &pages_taken[3]), no_memory_left + next_zone_helps(3)),
            with(allocate_step("page of the second zone", 0, 1, &pages_taken[4]), last_zone),
            free_step("page of the second zone back", 0, 1, &pages_taken[4]),
            with(free_step("committed page back", 0, 1, &pages_taken[1]), freeing_loses_pages(0, 1, &pages_taken[1])),
            with(allocate_step("committed page again", 0, 1, &pages_taken[1]),
-                leaving_references({mapping_refused(kOutside)}))}};
+                std::vector<Row>{losing_what_was_taken(mapping_refused(kOutside))} +
+                    leaving_references({mapping_refused(kOutside)}))}};
 }
 
 TEST(AllocationFaults, SinglePagesOfAllZones) {
@@ -83,15 +87,19 @@ TEST(AllocationFaults, RunsCommittedOnDemand) {
   };
   const std::vector<Row> commits = {{"fallocate commit", succeeds(), {}, Extent::Once},
                                     {"fallocate commit", refuses(ENOMEM).committing(kOneForEachCallBefore)}};
+  // Of pages taken one by one, the first that is given back finds no memory for a range of its own.
+  const std::vector<Row> three_commits = {losing_what_was_taken(commits[1])};
+  std::vector<Row> nine_commits = {losing_too_much(commits[1])};
+  nine_commits[0].from = 2;
   // Nine pages are mapped in two pieces; when the second one fails the first is unmapped, and leaves a gap.
   Row second_piece = mapping_refused(kMaps, 1, 1, 9);
   second_piece.expect = second_piece.expect.first([] { reserve_again(base + pages(3), 8); });
   run({"runs on demand",
        prepare,
        {with(allocate_step("three pages", 0, 3, &three),
-             commits + std::vector<Row>{mapping_refused(kNothing, 0, 0, 1)}),
+             three_commits + commits + std::vector<Row>{mapping_refused(kNothing, 0, 0, 1)}),
         with(allocate_step("nine pages", 0, 9, &nine),
-             commits + std::vector<Row>{mapping_refused(kNothing, 0, 0, 9), second_piece}),
+             nine_commits + commits + std::vector<Row>{mapping_refused(kNothing, 0, 0, 9), second_piece}),
         with(free_step("nine pages back", 0, 9, &nine), freeing_loses_pages(0, 9, &nine)),
         with(allocate_step("two of them again", 0, 2, &block), leaving_references({mapping_refused(kNothing)}))}});
 }
@@ -112,9 +120,13 @@ void prepare_fragments() {
 TEST(AllocationFaults, BlockOfSinglePages) {
   const std::vector<Row> rows = {
       {"fallocate commit", refuses(ENOMEM)}, mapping_refused(kNothing, 0, 0, 1), mapping_refused(kMaps, 1, 3, 1)};
+  std::vector<Row> no_memory_left;
+  for (const Row& row : rows) {
+    no_memory_left.push_back(losing_too_much(row));
+  }
   run({"block of single pages",
        prepare_fragments,
-       {with(allocate_step("four pages", 0, 4, &block), rows),
+       {with(allocate_step("four pages", 0, 4, &block), no_memory_left + rows),
         with(free_step("four pages back", 0, 4, &block), freeing_loses_pages(0, 4, &block, 4))}});
 }
 
@@ -153,6 +165,9 @@ TEST(AllocationFaults, UndoneMapping) {
                second_piece,
                {"new", lost.first(fill_gap)},
                {"munmap", refuses(ENOMEM).changing(kMaps)}};
+  for (const Row& piece : {mapping_refused(kNothing, 0, 0), second_piece}) {
+    step.rows.push_back(losing_too_much(piece));
+  }
   step.rows = leaving_references(step.rows);  // without this fault, too, they are not those of the mappings
   run({"undone mapping", prepare, {step}, kDrifted});
 }
@@ -198,9 +213,12 @@ TEST(GrowthFaults, GrowingShrinkingAndTakingAgain) {
   const auto so_far = [](int error) {
     return refuses(error).changing(kZones).committing(kOneForEachCallBefore).funding(kOneForEachCallBefore);
   };
-  const std::vector<Row> taking_again = {{"fallocate commit", so_far(ENOMEM), {ENOSPC}},
-                                         {"fallocate commit", so_far(kInjected)},
-                                         {"new", dies(kAllocatorUnit, kLostPage)}};
+  const std::vector<Row> taking_again = {
+      {"fallocate commit", dies(kAllocatorUnit, kLostBlock), {}, Extent::NoMemory, 0, 1},
+      {"fallocate commit", dies(kAllocatorUnit, kLostBlock), {}, Extent::NoMemory, 3},
+      {"fallocate commit", so_far(ENOMEM), {ENOSPC}},
+      {"fallocate commit", so_far(kInjected)},
+      {"new", dies(kAllocatorUnit, kLostPage)}};
   Step pretouch{"pretouch", [] { return ox_pretouch_committed_pages_pliv(100, nullptr); }};
   pretouch.verify = answers(0);
   run({"growth",
@@ -232,7 +250,12 @@ TEST(GrowthFaults, GrowingAndTakingAgainByTouching) {
   };
   const std::vector<Row> no_list = {
       {"new", dies("src/pmem/pmem_pageZone", "failure in allocating freelist not handled now")}};
-  const std::vector<Row> no_list_again = {{"new", dies(kAllocatorUnit, kLostPage)}};
+  std::vector<Row> no_list_again = {{"new", dies(kAllocatorUnit, kLostPage)}};
+  for (const int done : {0, 1, 3}) {
+    for (const char* place : {"touch", "mmap commit"}) {
+      no_list_again.push_back({place, dies(kAllocatorUnit, kLostBlock), {}, Extent::NoMemory, done, done});
+    }
+  }
   run({"growth by touching",
        prepare,
        {with(grow("six more pages", 6), rows(6, {0, 1, 2}, false) + no_list), shrink("five pages back", 5),
@@ -255,10 +278,11 @@ TEST(GrowthFaults, UndoneRecommit) {
   };
   Step step = grow("four pages again", 4);
   step.verify = refused_with(ENOMEM);
-  step.rows = {{"fallocate commit", refuses(ENOMEM), kShortOfMemory},
+  step.rows = {{"fallocate commit", dies(kAllocatorUnit, kLostBlock), {}, Extent::NoMemory},
+               {"fallocate commit", refuses(ENOMEM), kShortOfMemory},
                {"fallocate commit", refuses()},
                {"new", dies(kAllocatorUnit, kLostPage), {}, Extent::Any, 0, 0},  // of the rest of a range
-               {"new", dies(kAllocatorUnit, "ENOMEM when freeing a block not handled yet")}};
+               {"new", dies(kAllocatorUnit, kLostBlock)}};
   run({"undone recommit", prepare, {step}});
 }
 

@@ -90,10 +90,11 @@ TEST(AliasFaults, BlockOfSinglePagesAtEveryAlias) {
   elsewhere.expect.allowed.partly_mapped_blocks = true;
   run({"every alias, single pages",
        [prepare] { prepare(0); },
-       {with(three, own_alias + std::vector<Row>{mapping_refused(kMaps, 3)})}});
+       {with(three,
+             own_alias + std::vector<Row>{mapping_refused(kMaps, 3), losing_too_much(mapping_refused(kMaps))})}});
   run({"every alias, single pages, with a cache",
        [prepare] { prepare(kCache); },
-       {with(three, own_alias + std::vector<Row>{elsewhere})}});
+       {with(three, own_alias + std::vector<Row>{elsewhere, losing_too_much(mapping_refused(kMaps | kCached))})}});
 }
 
 TEST(AliasFaults, BlocksAtEveryAliasWithACache) {
@@ -223,11 +224,22 @@ TEST(FixedAddressFaults, OnePageARunAndSinglePages) {
     tracked = reserve(16, 0);
   };
   const Expect too_little = refuses(ENOMEM).committing(kOneForEachCallBefore);
-  const std::vector<Row> run_on_demand = {{"fallocate commit", succeeds(), {}, Extent::Once},
-                                          {"fallocate commit", too_little}};
+  const std::vector<Row> run_on_demand = {
+      {"fallocate commit", succeeds(), {}, Extent::Once},
+      {"fallocate commit", too_little},
+      losing_too_much({"fallocate commit", too_little, {}, Extent::NoMemory, 1, 1})};
   // Four pages of the first zone and one of the second: only the last one has no other to take its place.
-  const std::vector<Row> single_pages = {{"fallocate commit", succeeds(), {}, Extent::Once, 0, 3},
-                                         {"fallocate commit", too_little}};
+  const std::vector<Row> single_pages = {
+      {"fallocate commit", succeeds(), {}, Extent::Once, 0, 3},
+      {"fallocate commit", too_little},
+      losing_too_much({"fallocate commit", too_little, {}, Extent::NoMemory, 2, 2}),
+      {"fallocate commit",
+       dies("src/pmem/pmem_pageAllocator", "ENOMEM when freeing a page not handled yet"),
+       {},
+       Extent::NoMemory,
+       3,
+       3},
+      losing_too_much({"fallocate commit", too_little, {}, Extent::NoMemory, 4, 4})};
   run({"fixed addresses",
        prepare,
        {map_fixed("one page", 0, 1), with(map_fixed("three pages", 2, 3), run_on_demand),

@@ -137,6 +137,11 @@ Step initialize(const Heap& heap) {
       {"file /sys/kernel/mm/transparent_hugepage/enabled", succeeds()},
       {"file /sys/kernel/mm/transparent_hugepage/shmem_enabled", succeeds()},
   };
+  // Where reading a file ends for want of memory there is none for the records either.
+  for (const char* file : {"file /proc/meminfo", "file /sys/kernel/mm/transparent_hugepage/enabled",
+                           "file /sys/kernel/mm/transparent_hugepage/shmem_enabled", "file /proc/self/mountinfo"}) {
+    step.rows.push_back({file, refuses(ENOMEM).changing(kDescriptor), {}, Extent::NoMemory});
+  }
   return step;
 }
 
@@ -319,6 +324,18 @@ std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place, i
   return {{"new", lost.instead(refused_again(EINVAL)), {}, Extent::Any, 0, std::min(0, of_pages - 1)},
           {"new", lost_later.instead(refused_again(EINVAL)), {}, Extent::Any, 0, of_pages - 1},
           {"new", of_pages == 0 ? lost.instead(refused_again(0)) : lost_later.instead(refused_again(0))}};
+}
+
+Row losing_what_was_taken(Row row) {
+  row.extent = Extent::NoMemory;
+  row.expect = row.expect.changing(kZones | kUsed).allowing(kLost).allowing({.partly_mapped_blocks = true});
+  return row;
+}
+
+Row losing_too_much(Row row) {
+  Row losing = losing_what_was_taken(std::move(row));
+  losing.expect = losing.expect.the_end();
+  return losing;
 }
 
 std::vector<Row> operator+(std::vector<Row> one, const std::vector<Row>& other) {

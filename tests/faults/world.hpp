@@ -90,6 +90,12 @@ std::vector<Row> leaving_references(std::vector<Row> rows);
 // which are then lost in turn.
 std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place, int of_pages = 1);
 
+// The same when there is no more memory at all: the lists can't take back what the refused call had taken.
+Row losing_what_was_taken(Row row);
+
+// The same where too little is left for the steps that follow.
+Row losing_too_much(Row row);
+
 std::vector<Row> operator+(std::vector<Row> one, const std::vector<Row>& other);
 
 }  // namespace oxtest::faults
