@@ -59,7 +59,8 @@ TEST(QuietCalls, AnswerFromWhatIsKnown) {
   run({"quiet calls",
        prepare,
        {quiet("allowed zone", [] { return ox_register_pzone_for_space_pliv(0, 0); }),
-        quiet("zone of an address", [=] { return ox_get_pzone_for_addr_within_space_pliv(0, number(block)); }),
+        quiet("zone of an address",
+              [=] { return ox_get_pzone_for_addr_within_space_pliv(0, static_cast<uint64_t>(number(block))); }),
         quiet("place in the file", [=] { return ox_get_backing_storage_offset_pliv(0, number(block)); }),
         quiet(
             "place of a fixed address", [=] { return ox_get_backing_storage_offset_pliv(-1, number(fixed)); },
