@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -23,15 +24,15 @@ constexpr int kErrnoBefore = 4321;  // no error of any system
 constexpr int kNoFault = 0;
 constexpr unsigned kSecondsForARun = 60;
 constexpr int kFailedRun = 3;
+constexpr int kTriesInterrupted = 3;
 
-// Pseudo-calls behind those that the linker redirects: reads of files, and of memory through the runtime's stub.
+// A pseudo-call behind those that are redirected: the read of memory through the runtime's stub.
 constexpr int kTouch = static_cast<int>(Call::kCount);
-constexpr int kFile = kTouch + 1;
 
 struct Point {
   int step;
-  int call;         // a Call, kTouch or kFile
-  int index;        // of the call within the step; of the file within its list
+  int call;         // a Call or kTouch
+  int index;        // of the call within the step
   int place_index;  // of the call among those at the same place
   char place[80];
 };
@@ -61,11 +62,12 @@ int stderr_file = -1;
 bool inside_call = false;
 bool counting = false;
 int current_step = 0;
-int calls_of[kFile + 1];
+int calls_of[kTouch];
 int touches_every = 1;
 int touches = 0;
 int touch_to_fail = -1;
 bool later_touches_too = false;
+int regions_mapped = 0;
 
 void append(char* buffer, size_t size, int& at, const char* text) {
   const int written = std::snprintf(buffer + at, size - static_cast<size_t>(at), "%s\n", text);
@@ -79,6 +81,15 @@ void fail_run(const std::string& text) {
 [[noreturn]] void end_run() {
   std::fflush(nullptr);
   _exit(report->failures_at == 0 ? 0 : kFailedRun);
+}
+
+// The file that was opened last: the library reads one after the other. What fails while it is opened and read is all
+// the same to the library.
+char open_file[80];
+
+void note_open_file(const char* path) {
+  const bool of_a_process = std::strncmp(path, "/proc/", 6) == 0 && path[6] >= '0' && path[6] <= '9';
+  std::snprintf(open_file, sizeof open_file, "file %s", of_a_process ? "/proc/PID/maps" : path);
 }
 
 const char* place_of(Call call, const std::array<long, 6>& arguments) {
@@ -135,6 +146,12 @@ const char* place_of(Call call, const std::array<long, 6>& arguments) {
       return "mutex unlock";
     case Call::pthread_sigmask:
       return "sigmask";
+    case Call::fopen64:
+      note_open_file(reinterpret_cast<const char*>(arguments[0]));
+      return open_file;
+    case Call::read:
+    case Call::operator_new_streams:
+      return open_file;
     case Call::operator_new:
       return "new";
     case Call::operator_new_nothrow:
@@ -166,19 +183,39 @@ void add_point(int call, int index, const char* place) {
   std::snprintf(point.place, sizeof point.place, "%s", place);
 }
 
+// The calls that ask for memory, and the error by which they are refused it.
+struct MemoryCall {
+  Call call;
+  int error;
+};
+constexpr MemoryCall kMemoryCalls[] = {{Call::mmap64, ENOMEM},
+                                       {Call::fallocate64, ENOSPC},
+                                       {Call::operator_new, ENOMEM},
+                                       {Call::operator_new_nothrow, ENOMEM},
+                                       {Call::operator_new_streams, ENOMEM}};
+int memory_refusals = 0;  // of each of them, from the first fault on
+
 void note_injected(const char* place) {
   if (!report->injected) {
     report->injected = true;
+    for (const MemoryCall& refused : kMemoryCalls) {
+      if (memory_refusals != 0) {
+        Faults::fail(refused.call, refused.error, 0, memory_refusals);
+      }
+    }
     std::snprintf(report->place, sizeof report->place, "%s", place);
   }
 }
 
 void observe(Call call, const std::array<long, 6>& arguments, int error) {
+  const char* const place = place_of(call, arguments);
   if (counting) {
-    add_point(static_cast<int>(call), calls_of[static_cast<int>(call)]++, place_of(call, arguments));
+    add_point(static_cast<int>(call), calls_of[static_cast<int>(call)]++, place);
   }
   if (error != 0) {
-    note_injected(place_of(call, arguments));
+    note_injected(place);
+  } else if (std::strcmp(place, "mmap region") == 0) {
+    ++regions_mapped;
   }
 }
 
@@ -211,8 +248,8 @@ int descriptors() {
 class Visible {
  public:
   Visible() {
-    put(kMaps | kZones, "mapped size", ox_get_total_mapped_size_pliv());
-    put(kMaps | kZones, "populated size", ox_get_total_populated_size_pliv());
+    put(kMaps, "mapped size", ox_get_total_mapped_size_pliv());
+    put(kMaps, "populated size", ox_get_total_populated_size_pliv());
     put(kInternal | kZones, "internal usage", ox_get_internal_usage_pliv());
     put(kZones, "waiting for pretouch", ox_pretouch_committed_pages_pliv(0, nullptr));
     put(kDescriptor, "descriptors", int64_t{descriptors()});
@@ -258,8 +295,8 @@ class Visible {
   void put_pmem() {
     ox_pliv_pmem_stats_t stats{};
     ox_get_stats_for_pmem_pliv(&stats);
-    put(kMaps | kZones, "maps", stats.total_map_count);
-    put(kMaps | kZones, "unmapped", stats.unmapped_bytes);
+    put(kMaps, "maps", stats.total_map_count);
+    put(kMaps, "unmapped", stats.unmapped_bytes);
   }
 
   void put_accounts() {
@@ -268,8 +305,8 @@ class Visible {
     ox_pmem_get_account_usage_pliv(0, &usage, &size);
     for (int i = 0; i < OX_PLIV_ACCOUNT_COUNT; ++i) {
       const std::string account = "account " + std::to_string(i);
-      put(kFund, account + " balance", usage.accounts[i].balance_bytes);
-      put(kFund, account + " used", usage.accounts[i].used_bytes);
+      put(kFund | kUsed, account + " balance", usage.accounts[i].balance_bytes);
+      put(kUsed, account + " used", usage.accounts[i].used_bytes);
       put(kFund, account + " fund", usage.accounts[i].fund_bytes);
       put(kNothing, account + " credits", usage.accounts[i].accounts_to_credit);
     }
@@ -318,10 +355,23 @@ struct Answer {
   int error;
 };
 
+// Bit n for signal n + 1.
+uint64_t blocked_signals() {
+  sigset_t blocked;
+  real::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  uint64_t bits = 0;
+  for (int signal = 1; signal <= 64; ++signal) {
+    bits |= static_cast<uint64_t>(sigismember(&blocked, signal) == 1) << (signal - 1);
+  }
+  return bits;
+}
+
 // The one place where the library is entered with its calls observed.
 Answer call_observed(const Step& step, bool count) {
   std::fill(std::begin(calls_of), std::end(calls_of), 0);
   touches = 0;
+  regions_mapped = 0;
+  const uint64_t blocked = blocked_signals();
   counting = count;
   Answer answer{kAnyResult, 0};
   try {
@@ -336,6 +386,9 @@ Answer call_observed(const Step& step, bool count) {
   Faults::observer = nullptr;
   inside_call = false;
   counting = false;
+  if (blocked_signals() != blocked && std::strcmp(report->place, "sigmask") != 0) {
+    fail_run("the call left signals blocked");
+  }
   return answer;
 }
 
@@ -363,22 +416,16 @@ void run_plain(const Step& step, bool count) {
   verify(step, answer);
 }
 
-Allowing operator|(Allowing one, const Allowing& other) {
-  one.drifted_references |= other.drifted_references;
-  one.partly_mapped_blocks |= other.partly_mapped_blocks;
-  one.locked_pages |= other.locked_pages;
-  one.overlapping_ranges |= other.overlapping_ranges;
-  one.commits_outside_zones |= other.commits_outside_zones;
-  one.abandoned_spaces |= other.abandoned_spaces;
-  return one;
-}
+// What a row allows must be there, at once or at the end: otherwise it allows too much.
+bool needed_what_is_allowed = false;
 
-void check_invariants(const Scenario& scenario, int last_step, Allowing allowed, const std::string& when) {
-  allowed = allowed | scenario.allowed;
+void check_invariants(const Scenario& scenario, int last_step, const Allowing& by_row, const std::string& when) {
+  Allowing allowed = scenario.allowed;
   for (int i = 0; i <= last_step; ++i) {
     allowed = allowed | scenario.steps[static_cast<size_t>(i)].allowed;
   }
-  const std::string broken = broken_invariants(allowed);
+  needed_what_is_allowed = needed_what_is_allowed || !broken_invariants(allowed).empty();
+  const std::string broken = broken_invariants(allowed | by_row);
   if (!broken.empty()) {
     fail_run("broken " + when + ":\n" + broken);
   }
@@ -402,10 +449,11 @@ void begin_child() {
   scenario.prepare();
   for (current_step = 0; current_step < static_cast<int>(scenario.steps.size()); ++current_step) {
     const Step& step = scenario.steps[static_cast<size_t>(current_step)];
-    for (size_t file = 0; file < step.files.size(); ++file) {
-      add_point(kFile, static_cast<int>(file), ("file " + step.files[file]).c_str());
-    }
+    const int points_before = report->points;
     run_plain(step, true);
+    if (!step.reaches_the_system && report->points != points_before) {
+      fail_run(step.name + " reaches the system: " + report->point[points_before].place);
+    }
     if (!step.ends_the_library) {
       check_invariants(scenario, current_step, {}, "after " + step.name + " without a fault");
     }
@@ -429,7 +477,9 @@ std::string text_of(const Scenario& scenario, const Fault& fault) {
   const std::string& step = scenario.steps[static_cast<size_t>(fault.point.step)].name;
   return scenario.name + ", " + step + ": " + fault.point.place + " #" + std::to_string(fault.point.place_index) +
          " fails with " + (fault.error == 0 ? "no error" : strerrorname_np(fault.error)) +
-         (fault.extent == Extent::Later ? ", and so do all later ones" : "");
+         (fault.extent == Extent::Later      ? ", and so do all later ones"
+          : fault.extent == Extent::NoMemory ? ", and so does all that asks for memory"
+                                             : "");
 }
 
 // The same wherever they happen.
@@ -444,25 +494,34 @@ const std::vector<Row>& common_rows() {
   return rows;
 }
 
+bool covers(Extent extent, Extent of_fault) {
+  return extent == Extent::Any || extent == of_fault || (extent == Extent::Later && of_fault == Extent::NoMemory);
+}
+
 bool speaks_of(const Row& row, const Fault& fault) {
-  return row.place == fault.point.place && (row.extent == Extent::Any || row.extent == fault.extent) &&
+  return row.place == fault.point.place && covers(row.extent, fault.extent) &&
          (row.errors.empty() || std::find(row.errors.begin(), row.errors.end(), fault.error) != row.errors.end()) &&
          row.from <= fault.point.place_index && fault.point.place_index <= row.to;
 }
 
 const Expect* expectation(const Scenario& scenario, const Fault& fault) {
+  const Expect* of_a_wider_row = nullptr;
   for (const auto* rows : {&scenario.steps[static_cast<size_t>(fault.point.step)].rows, &common_rows()}) {
     for (const Row& row : *rows) {
-      if (speaks_of(row, fault)) {
+      if (!speaks_of(row, fault)) {
+        continue;
+      }
+      if (fault.extent != Extent::NoMemory || row.extent == Extent::NoMemory) {
         return &row.expect;
       }
+      of_a_wider_row = of_a_wider_row == nullptr ? &row.expect : of_a_wider_row;
     }
   }
-  return nullptr;
+  return of_a_wider_row;
 }
 
 // The errors that the kernel and the C library can really give.
-const std::vector<int>& errors_at(const std::string& place) {
+const std::vector<int>& errors_at(const Point& point) {
   static const std::map<std::string, std::vector<int>> errors = {
       {"mmap fixed table", {ENOMEM, EAGAIN}},
       {"mmap records", {ENOMEM, EAGAIN}},
@@ -494,16 +553,30 @@ const std::vector<int>& errors_at(const std::string& place) {
       {"new nothrow", {ENOMEM}},
       {"touch", {ENOMEM}},
   };
-  static const std::vector<int> unreadable = {ENOENT};
-  return place.rfind("file ", 0) == 0 ? unreadable : errors.at(place);
+  static const std::map<int, std::vector<int>> errors_of_files = {
+      {static_cast<int>(Call::fopen64), {ENOENT, EACCES, EMFILE}},
+      {static_cast<int>(Call::read), {EIO, ENOMEM, EINTR}},
+      {static_cast<int>(Call::operator_new_streams), {ENOMEM}},
+  };
+  const auto of_a_file = errors_of_files.find(point.call);
+  return of_a_file == errors_of_files.end() ? errors.at(point.place) : of_a_file->second;
+}
+
+// The streams read again for as long as they are interrupted.
+bool is_tried_again(const Fault& fault) {
+  return fault.point.call == static_cast<int>(Call::read) && fault.error == EINTR;
+}
+
+bool asks_for_memory(const Point& point, int error) {
+  return point.call == kTouch || std::any_of(std::begin(kMemoryCalls), std::end(kMemoryCalls), [&](const auto& asking) {
+           return point.call == static_cast<int>(asking.call) && error == asking.error;
+         });
 }
 
 void arm(const Fault& fault, const Step& step) {
-  const int times = fault.extent == Extent::Later ? step.later : 1;
-  if (fault.point.call == kFile) {
-    Faults::replace_file(step.files[static_cast<size_t>(fault.point.index)], std::nullopt);
-    note_injected(fault.point.place);
-  } else if (fault.point.call == kTouch) {
+  const int times = fault.extent == Extent::Once ? 1 : is_tried_again(fault) ? kTriesInterrupted : step.later;
+  memory_refusals = fault.extent == Extent::NoMemory ? step.later : 0;
+  if (fault.point.call == kTouch) {
     touch_to_fail = fault.point.index;
     later_touches_too = times != 1;
   } else {
@@ -511,12 +584,14 @@ void arm(const Fault& fault, const Step& step) {
   }
 }
 
-void disarm(const Fault& fault, const Step& step) {
+void disarm(const Fault& fault) {
   touch_to_fail = -1;
-  if (fault.point.call == kFile) {
-    Faults::forget_file(step.files[static_cast<size_t>(fault.point.index)]);
-  } else if (fault.point.call != kTouch) {
+  memory_refusals = 0;
+  if (fault.point.call != kTouch) {
     Faults::fail(static_cast<Call>(fault.point.call), kNoFault, 0, 0);
+  }
+  for (const MemoryCall& refused : kMemoryCalls) {
+    Faults::fail(refused.call, kNoFault, 0, 0);
   }
 }
 
@@ -545,6 +620,39 @@ void check_log(const Expect& expect) {
   }
 }
 
+// What is counted as mapped is what was mapped, whether or not the call came to its end.
+void check_map_count(const Visible& before, const Visible& after) {
+  const int64_t counted = after.value("maps") - before.value("maps");
+  if (!Faults::on_mmap64 && counted != regions_mapped) {
+    fail_run("counted " + std::to_string(counted) + " mappings, made " + std::to_string(regions_mapped));
+  }
+}
+
+void check_amount(const Visible& before, const Visible& after, const char* name, int64_t pages_wanted,
+                  const Fault& fault) {
+  const int64_t wanted = pages_wanted == kOneForEachCallBefore ? fault.point.place_index : pages_wanted;
+  const int64_t changed = (after.value(name) - before.value(name)) / static_cast<int64_t>(kPage);
+  if (changed != wanted) {
+    fail_run(std::string(name) + " changed by " + std::to_string(changed) + " pages, must by " +
+             std::to_string(wanted));
+  }
+}
+
+void check_changes(const Visible& before, const Visible& after, const Expect& expect, const Fault& fault) {
+  const std::string changed = before.difference(after, expect.changes);
+  if (!changed.empty()) {
+    fail_run("the refused call changed\n" + changed);
+  }
+  if ((expect.changes & kDescriptor) == 0) {
+    check_amount(before, after, "committed", expect.committed_pages, fault);
+  }
+  check_amount(before, after, "account 2 fund", expect.funded_pages, fault);
+  const int64_t kept = after.value("internal usage") - before.value("internal usage");
+  if ((expect.changes & kInternal) != 0 && kept != static_cast<int64_t>(expect.kept_bytes)) {
+    fail_run("kept " + std::to_string(kept) + " bytes, must keep " + std::to_string(expect.kept_bytes));
+  }
+}
+
 // The step with the fault; tells whether the step is still to be done.
 bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& expect) {
   const Step& step = scenario.steps[static_cast<size_t>(fault.point.step)];
@@ -552,7 +660,7 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
   std::snprintf(report->where, sizeof report->where, "%s", step.name.c_str());
   arm(fault, step);
   const Answer answer = call_observed(step, false);
-  disarm(fault, step);
+  disarm(fault);
   if (expect.at_once) {
     expect.at_once();
   }
@@ -567,19 +675,16 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
     fail_run("answered " + text_of(answer) + ", must die with \"" + expect.message + "\"");
     end_run();
   }
+  const Visible after;
+  check_map_count(before, after);
   if (refused) {
     check_refusal(expect, fault, answer);
-    const std::string changed = before.difference(Visible(), expect.changes);
-    if (!changed.empty()) {
-      fail_run("the refused call changed\n" + changed);
-    }
+    check_changes(before, after, expect, fault);
   } else {
     verify(step, answer);
   }
   check_log(expect);
-  if (expect.checked) {
-    check_invariants(scenario, fault.point.step, expect.allowed, "at once after the fault");
-  }
+  check_invariants(scenario, fault.point.step, expect.allowed, "at once after the fault");
   if (refused && (expect.changes & kFund) != 0 && expect.then == Expect::Then::Again) {
     restore_fund(before);
   }
@@ -607,9 +712,6 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
         }
         continue;
       }
-      if (expect.then == Expect::Then::GoOn) {
-        continue;
-      }
     }
     run_plain(step, false);
   }
@@ -617,8 +719,9 @@ bool run_faulted(const Scenario& scenario, const Fault& fault, const Expect& exp
   if (!wrong.empty()) {
     fail_run(wrong);
   }
-  if (expect.checked) {
-    check_invariants(scenario, static_cast<int>(scenario.steps.size()) - 1, expect.allowed, "at the end");
+  check_invariants(scenario, static_cast<int>(scenario.steps.size()) - 1, expect.allowed, "at the end");
+  if (expect.allowed != Allowing{} && !needed_what_is_allowed) {
+    fail_run("nothing came of what the row allows");
   }
   end_run();
 }
@@ -805,13 +908,16 @@ void run(const Scenario& scenario) {
       << scenario.name << " without a fault, in " << report->where << ":\n"
       << report->failures << standard_error();
   const std::vector<Point> points(report->point, report->point + report->points);
-  ASSERT_FALSE(points.empty());
+  const bool reaches_the_system = std::any_of(scenario.steps.begin(), scenario.steps.end(),
+                                              [](const Step& step) { return step.reaches_the_system; });
+  ASSERT_EQ(points.empty(), !reaches_the_system);
   Numbers numbers;
   for (const Point& point : points) {
-    for (const int error : errors_at(point.place)) {
+    for (const int error : errors_at(point)) {
       try_fault(scenario, {point, error, Extent::Once}, numbers);
-      if (point.call != kFile) {
-        try_fault(scenario, {point, error, Extent::Later}, numbers);
+      try_fault(scenario, {point, error, Extent::Later}, numbers);
+      if (asks_for_memory(point, error)) {
+        try_fault(scenario, {point, error, Extent::NoMemory}, numbers);
       }
     }
   }

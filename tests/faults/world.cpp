@@ -1,6 +1,10 @@
 #include "world.hpp"
 
+#include <algorithm>
 #include <cerrno>
+
+#include "pmem/pmem.hpp"
+#include "vmem/vmem_spaceManager.hpp"
 
 namespace oxtest::faults {
 
@@ -102,6 +106,12 @@ void with_transparent_huge_pages_on_advice() {
   Faults::replace_file(kShmemFile, "always within_size [advise] never deny force\n");
 }
 
+void commit_by_touching() {
+  with_transparent_huge_pages_on_advice();
+  pretend_kernel("5.10.1");
+  touch_faults_every(512);
+}
+
 Step initialize(const Heap& heap) {
   Step step;
   step.name = "start-up";
@@ -109,7 +119,6 @@ Step initialize(const Heap& heap) {
     auto config = configuration(heap);
     return ox_initialize_pliv(&config);
   };
-  step.files = {"/proc/meminfo", kEnabledFile};
   step.verify = [heap](int64_t result, int) -> std::string {
     if (result != 0) {
       return "must succeed";
@@ -127,8 +136,12 @@ Step initialize(const Heap& heap) {
       {"file /proc/meminfo", succeeds()},
       {"file /sys/kernel/mm/transparent_hugepage/enabled", succeeds()},
       {"file /sys/kernel/mm/transparent_hugepage/shmem_enabled", succeeds()},
-      {"new", succeeds()},  // for reading the files: as good as a file that ends here
   };
+  // Where reading a file ends for want of memory there is none for the records either.
+  for (const char* file : {"file /proc/meminfo", "file /sys/kernel/mm/transparent_hugepage/enabled",
+                           "file /sys/kernel/mm/transparent_hugepage/shmem_enabled", "file /proc/self/mountinfo"}) {
+    step.rows.push_back({file, refuses(ENOMEM).changing(kDescriptor), {}, Extent::NoMemory});
+  }
   return step;
 }
 
@@ -150,7 +163,8 @@ Step create_account(uint64_t count) {
   return step;
 }
 
-Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, uint64_t maximum, bool blocks) {
+Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, uint64_t maximum, bool blocks,
+                 int64_t prefunded) {
   Step step;
   step.name = name;
   const auto create = [=](uint64_t at) {
@@ -170,26 +184,53 @@ Step create_zone(const std::string& name, uint64_t start_page, uint64_t size, ui
   const auto refused = [](int error) { return refuses(error).result(kFailedZone); };
   const auto prefunding = [&](int error) { return refused(error).says("Prefunding failed for zone"); };
   const std::vector<int> no_space = {ENOSPC};
+  const auto after_others = [&](int error) {
+    return prefunding(error).committing(kOneForEachCallBefore).allowing(kHalfCommitted);
+  };
   step.rows = {
       {"new nothrow", refused(ENOMEM).says("Allocation of PMEM allocator failed"), {}, Extent::Any, 0, 0},
       {"new nothrow", refused(ENOMEM).says("Allocation of PMEM zone failed"), {}, Extent::Any, 1, 1},
       {"mutex init", refused(kUntouched).says("Initialization of PMEM allocator failed")},
       {"new", refused(ENOMEM)
-                  .changing(kCommits)
+                  .committing(prefunded)
                   .allowing(kHalfCommitted)
                   .says("Failed to add pages to the zone")
                   .instead(elsewhere)},
       {"fallocate commit", prefunding(ENOMEM), no_space, Extent::Any, 0, 0},
       {"fallocate commit", prefunding(kInjected), {}, Extent::Any, 0, 0},
-      {"fallocate commit", prefunding(ENOMEM).changing(kCommits).allowing(kHalfCommitted), no_space},
-      {"fallocate commit", prefunding(kInjected).changing(kCommits).allowing(kHalfCommitted)},
+      {"fallocate commit", after_others(ENOMEM), no_space},
+      {"fallocate commit", after_others(kInjected)},
       // Pages committed by touching them.
       {"mmap commit", prefunding(kInjected), {}, Extent::Any, 0, 0},
-      {"mmap commit", prefunding(kInjected).changing(kCommits).allowing(kHalfCommitted)},
-      {"touch", prefunding(ENOMEM).changing(kCommits), {}, Extent::Any, 0, 0},
-      {"touch", prefunding(ENOMEM).changing(kCommits).allowing(kHalfCommitted)},
+      {"mmap commit", after_others(kInjected)},
+      {"touch", prefunding(ENOMEM), {}, Extent::Any, 0, 0},
+      {"touch", after_others(ENOMEM)},
       {"munmap", succeeds().allowing(kDrifted)},  // the mapping through which the page was touched stays
   };
+  return step;
+}
+
+Step register_space_step(uint64_t size, uint64_t premapped, uint64_t cache, int flags) {
+  Step step;
+  step.name = "space";
+  step.call = [=] { return ox_register_space_pliv(pages(size), pages(premapped), pages(cache), flags); };
+  step.verify = answers(0);
+  // A space that could not be finished stays, and so do the parts that it got; its id is given to the next one.
+  const auto abandoned = [](int error, unsigned long kept) {
+    return refuses(error).keeping(kept).allowing({.abandoned_spaces = true});
+  };
+  const unsigned long space = sizeof(oxpliv::VMEM_SpaceManager);
+  const unsigned long allocator = space + sizeof(oxpliv::AOFirstFitAllocator);
+  const unsigned long range = allocator + oxpliv::BlockTree::node_bytes();
+  const unsigned long records = range + oxpliv::PMEM::native_small_page_size();
+  step.rows = {{"new nothrow", refuses(ENOMEM), {}, Extent::Any, 0, 0},
+               {"mutex init", abandoned(kUntouched, space), {}, Extent::Any, 0, 0},
+               {"new nothrow", abandoned(ENOMEM, space), {}, Extent::Any, 1, 1},
+               {"new", abandoned(ENOMEM, allocator)},
+               {"mmap records", abandoned(kInjected, range)},
+               // Of the cache, the table of its lists, and its mutex.
+               {"new nothrow", abandoned(ENOMEM, records)},
+               {"mutex init", abandoned(kUntouched, records)}};
   return step;
 }
 
@@ -252,22 +293,49 @@ Step with(Step step, std::vector<Row> rows) {
   return step;
 }
 
-Row mapping_refused(unsigned changes, int from, int to) {
+Row mapping_refused(unsigned changes, int from, int to, int64_t committed) {
   return {"mmap region",
-          refuses().changing(changes).allowing(kDrifted).says("Mapping to backing storage failed with errno "),
+          refuses().changing(changes).committing(committed).allowing(kDrifted).says(
+              "Mapping to backing storage failed with errno "),
           {},
           Extent::Any,
           from,
           to};
 }
 
-std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place) {
-  const auto not_again = [=]() -> std::string {
-    const int64_t again = ox_munmap_from_space_pliv(space, *place, pages(count), kAccount, 0);
-    return again == -1 ? "" : "a block that was lost can't be freed again";
+std::vector<Row> leaving_references(std::vector<Row> rows) {
+  for (Row& row : rows) {
+    row.expect.allowed.drifted_references = false;
+  }
+  return rows;
+}
+
+std::vector<Row> freeing_loses_pages(long space, uint64_t count, char** place, int of_pages) {
+  // A page without active references can't lose one more; a block that is free again by its records is none.
+  const auto refused_again = [=](int error) {
+    return [=]() -> std::string {
+      errno = 0;
+      const int64_t again = ox_munmap_from_space_pliv(space, *place, pages(count), kAccount, 0);
+      return again == -1 && errno == error ? "" : "a block that was lost can't be freed again";
+    };
   };
-  const Expect lost = refuses(ENOMEM).losing_pages().instead(not_again);
-  return {{"new", lost, {}, Extent::Any, 0, 0}, {"new", lost.changing(kZones | kFund), {}, Extent::Any, 1}};
+  const Expect lost = refuses(ENOMEM).allowing(kLost);
+  const Expect lost_later = lost.changing(kZones | kUsed);
+  return {{"new", lost.instead(refused_again(EINVAL)), {}, Extent::Any, 0, std::min(0, of_pages - 1)},
+          {"new", lost_later.instead(refused_again(EINVAL)), {}, Extent::Any, 0, of_pages - 1},
+          {"new", of_pages == 0 ? lost.instead(refused_again(0)) : lost_later.instead(refused_again(0))}};
+}
+
+Row losing_what_was_taken(Row row) {
+  row.extent = Extent::NoMemory;
+  row.expect = row.expect.changing(kZones | kUsed).allowing(kLost).allowing({.partly_mapped_blocks = true});
+  return row;
+}
+
+Row losing_too_much(Row row) {
+  Row losing = losing_what_was_taken(std::move(row));
+  losing.expect = losing.expect.the_end();
+  return losing;
 }
 
 std::vector<Row> operator+(std::vector<Row> one, const std::vector<Row>& other) {

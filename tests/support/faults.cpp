@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <string_view>
 
 namespace oxtest {
 
@@ -96,9 +97,30 @@ int dispatch_pthread(Call call, const std::function<int(Args...)>& replacement, 
   return replacement ? replacement(args...) : real_function(args...);
 }
 
-std::map<std::string, std::optional<std::string>>& replaced_files() {
-  static std::map<std::string, std::optional<std::string>> files;
+// Found without a std::string, whose memory would be one more that can fail.
+using ReplacedFiles = std::map<std::string, std::optional<std::string>, std::less<>>;
+
+ReplacedFiles& replaced_files() {
+  static ReplacedFiles files;
   return files;
+}
+
+// The operators that give memory call one another: a call is counted, and fails, where it enters the first of them.
+thread_local bool forwarding = false;
+
+class Forwarding {
+ public:
+  Forwarding() : _before(forwarding) { forwarding = true; }
+  ~Forwarding() { forwarding = _before; }
+  Forwarding(const Forwarding&) = delete;
+  Forwarding& operator=(const Forwarding&) = delete;
+
+ private:
+  bool _before;
+};
+
+bool new_fails(Call call, size_t size) {
+  return !forwarding && pending_error(call, size) != 0;
 }
 
 }  // namespace
@@ -293,30 +315,39 @@ long oxtest::real::syscall(long number, long a1, long a2, long a3) {
 // Heap memory, as operator new gives it to the library (the linker sends only statically linked code here).
 extern "C" void* __real__Znwm(size_t size);
 extern "C" void* __wrap__Znwm(size_t size) {
-  if (oxtest::pending_error(oxtest::Call::operator_new, size) != 0) {
+  if (oxtest::new_fails(oxtest::Call::operator_new, size)) {
     throw std::bad_alloc();
   }
+  const oxtest::Forwarding forward;
   return __real__Znwm(size);
 }
 
 extern "C" void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 extern "C" void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
-  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0 ? nullptr
-                                                                              : __real__ZnwmRKSt9nothrow_t(size, tag);
+  if (oxtest::new_fails(oxtest::Call::operator_new_nothrow, size)) {
+    return nullptr;
+  }
+  const oxtest::Forwarding forward;
+  return __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
 extern "C" void* __real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 extern "C" void* __wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
-  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0 ? nullptr
-                                                                              : __real__ZnamRKSt9nothrow_t(size, tag);
+  if (oxtest::new_fails(oxtest::Call::operator_new_nothrow, size)) {
+    return nullptr;
+  }
+  const oxtest::Forwarding forward;
+  return __real__ZnamRKSt9nothrow_t(size, tag);
 }
 
 extern "C" void* __real__ZnwmSt11align_val_tRKSt9nothrow_t(size_t size, std::align_val_t, const std::nothrow_t& tag);
 extern "C" void* __wrap__ZnwmSt11align_val_tRKSt9nothrow_t(size_t size, std::align_val_t alignment,
                                                            const std::nothrow_t& tag) {
-  return oxtest::pending_error(oxtest::Call::operator_new_nothrow, size) != 0
-             ? nullptr
-             : __real__ZnwmSt11align_val_tRKSt9nothrow_t(size, alignment, tag);
+  if (oxtest::new_fails(oxtest::Call::operator_new_nothrow, size)) {
+    return nullptr;
+  }
+  const oxtest::Forwarding forward;
+  return __real__ZnwmSt11align_val_tRKSt9nothrow_t(size, alignment, tag);
 }
 
 extern "C" void* __real_calloc(size_t count, size_t size);
@@ -329,10 +360,49 @@ extern "C" void* __wrap_calloc(size_t count, size_t size) {
   return __real_calloc(count, size);
 }
 
+// The standard library's own code takes memory through its table of symbols, where the executable's are found first.
+// Not with a sanitizer that is part of the executable: there is no next one then, and what it counts on is its own.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OXTEST_SANITIZER_INSIDE
+#endif
+#endif
+
+#ifndef OXTEST_SANITIZER_INSIDE
+namespace {
+
+using New = void* (*)(size_t);
+
+void* stream_memory(New next, size_t size) {
+  if (oxtest::new_fails(oxtest::Call::operator_new_streams, size)) {
+    throw std::bad_alloc();
+  }
+  const oxtest::Forwarding forward;
+  return next(size);
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+  static const auto next = reinterpret_cast<New>(dlsym(RTLD_NEXT, "_Znwm"));
+  return stream_memory(next, size);
+}
+
+void* operator new[](size_t size) {
+  static const auto next = reinterpret_cast<New>(dlsym(RTLD_NEXT, "_Znam"));
+  return stream_memory(next, size);
+}
+#endif
+
 // The streams of the standard library open their files through this function. The replacement has a descriptor, which
 // the streams read from.
 extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path, const char* mode) {
-  const auto found = oxtest::replaced_files().find(path);
+  const int error = oxtest::pending_error(oxtest::Call::fopen64, path, mode);
+  if (error != 0) {
+    errno = error;
+    return nullptr;
+  }
+  const auto found = oxtest::replaced_files().find(std::string_view(path));
   if (found == oxtest::replaced_files().end()) {
     static const auto next = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen64"));
     return next(path, mode);
@@ -348,4 +418,9 @@ extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path
     return nullptr;
   }
   return fdopen(fd, "r");
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t read(int fd, void* buffer, size_t size) {
+  const int error = oxtest::pending_error(oxtest::Call::read, fd, buffer, size);
+  return error != 0 ? oxtest::failure<ssize_t>(error) : __real_syscall(SYS_read, fd, buffer, size);
 }

@@ -14,8 +14,9 @@
 #include <string>
 
 // Failures of the system, injected where the library calls the C library: the test binary's linker sends those calls
-// here
-// (--wrap), and what no test has changed goes on to the real function. Nothing of this is known to product code.
+// here (--wrap), and what no test has changed goes on to the real function. What the standard library calls on behalf of
+// the library's file streams comes here because the executable's symbols are found first. Nothing of this is known to
+// product code.
 //
 //   Faults::fail(Call::fallocate64, ENOSPC, 2);          // the third fallocate from now fails, once
 //   Faults::fail(Call::munmap, EINVAL, 0, kForever);     // every munmap fails from now on
@@ -48,7 +49,10 @@ enum class Call {
   pthread_mutex_lock,
   pthread_mutex_unlock,
   pthread_sigmask,
-  operator_new,          // throws std::bad_alloc
+  fopen64,               // how the standard library's streams open their files,
+  read,                  // read them,
+  operator_new_streams,  // and take memory for it: throws std::bad_alloc
+  operator_new,          // of the library's own code: throws std::bad_alloc
   operator_new_nothrow,  // and calloc: answers null
   kCount
 };

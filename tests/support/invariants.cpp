@@ -5,9 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <list>
+#include <numeric>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 #include "exposed.hpp"
@@ -27,10 +28,12 @@ OXTEST_EXPOSE(PMEM, total_ref_count);
 OXTEST_EXPOSE(PMEM, populated_page_count);
 OXTEST_EXPOSE(PMEM_Account, funded_pages);
 OXTEST_EXPOSE(PMEM_Account, used_pages);
+OXTEST_EXPOSE(PMEM_BackingStorage, max_committed_bytes);
 OXTEST_EXPOSE(PMEM_PageInfo, page_info_end);
 OXTEST_EXPOSE(VMEM, space_manager);
 OXTEST_EXPOSE(VMEM_PageManager, pageinfo_manager);
 OXTEST_EXPOSE(VMEM_PageManager, last_premapped_page);
+OXTEST_EXPOSE(VMEM_PageManager, high_watermark_page);
 OXTEST_EXPOSE(VMEM_PageInfoManager, pageinfo_end);
 OXTEST_EXPOSE(VMEM_SpaceManager, aliases);
 OXTEST_EXPOSE(VMEM_SpaceManager, alias_count);
@@ -42,6 +45,9 @@ OXTEST_EXPOSE(VMEM_PerSizeListPageCache, max_bucket_pages);
 namespace {
 
 constexpr unsigned long kTwoMiB = 2UL << 20;
+// What is said of a space's addresses when they are lost, of a block that stays half-made because it can't be undone.
+constexpr std::string_view kHalfMade = "pages of one block in different states";
+constexpr std::string_view kLostAddresses = "a page that is neither in a free range nor in a block";
 
 // What the other records say of a physical page.
 struct Place {
@@ -51,6 +57,8 @@ struct Place {
   unsigned long expected_refs = 0;  // active references of the blocks in use
   bool cached = false;
   bool fixed = false;
+  bool half_freed = false;           // of a block that lost pages while it was freed
+  unsigned long premapped_refs = 0;  // what the active references of a block in premapped regions are multiples of
 };
 
 class Checker {
@@ -167,7 +175,9 @@ class Checker {
       populated += record.populated_ref_count();
       _funded += record.is_funded() ? 1 : 0;
       check_place(page, record);
+      check_memory(page, record);
       check_references(page, record);
+      check_populated(page, record);
       if (record.is_locked() && !_allowing.locked_pages) {
         report("page ", page, ": left locked");
       }
@@ -187,6 +197,8 @@ class Checker {
     if (!at.in_zone) {
       if (at.free_lists + at.defunded_lists != 0 || record.is_allocated()) {
         report("page ", page, ": in use outside every zone");
+      } else if (record.is_funded() && !_allowing.commits_outside_zones) {
+        report("page ", page, ": has memory outside every zone");
       }
       return;
     }
@@ -194,12 +206,51 @@ class Checker {
     // A page handed out by its number may still be linked, or be covered by the range that it came from.
     const int free = record.is_allocated() ? 0 : at.free_lists;
     const int places = free + at.defunded_lists + (record.is_allocated() ? 1 : 0);
-    if (places != 1) {
+    if (is_lost(page)) {
+      ++_lost;
+    } else if (places != 1) {
       report("page ", page, ": in ", places, " places (free ", at.free_lists, ", defunded ", at.defunded_lists,
              record.is_allocated() ? ", handed out)" : ")");
     }
-    if (record.is_allocated() && record.active_ref_count() == 0 && !at.cached && !at.fixed) {
+    if (record.is_allocated() && record.active_ref_count() == 0 && !at.cached && !at.fixed && !at.half_freed) {
       report("page ", page, ": handed out and lost");
+    }
+    if (record.is_allocated() &&
+        (record.get_acct() >= PMEM::kAccounts || PMEM::accounts(record.get_acct()) == nullptr)) {
+      report("page ", page, ": handed out to no account");
+    }
+  }
+
+  // Freed, but its list could not take it.
+  bool is_lost(long page) {
+    const Place& at = place(page);
+    return _allowing.lost_pages && PMEM_PageInfo::page_info(page)->is_free() && at.in_zone &&
+           at.free_lists + at.defunded_lists == 0;
+  }
+
+  // What the library looks up in place of the record's state, and how far it says that it ever committed.
+  void check_memory(long page, const PMEM_PageInfo& record) {
+    if ((PMEM_PageInfo::next_funded(page) == page) != record.is_funded()) {
+      report("page ", page, ": the bitmap of pages with memory differs from its record");
+    }
+    if (record.is_funded() && (static_cast<unsigned long>(page) + 1) * kTwoMiB > committed_watermark()) {
+      report("page ", page, ": has memory beyond the committed watermark");
+    }
+  }
+
+  static unsigned long committed_watermark() {
+    return std::min<unsigned long>(PMEM_BackingStorage::committed_watermark_bytes(),
+                                   *exposed(PMEM_BackingStorage_max_committed_bytes{}));
+  }
+
+  // Memory that was touched is still there, unless it was given back and taken anew, as a refresh does.
+  void check_populated(long page, const PMEM_PageInfo& record) {
+    if (record.populated_ref_count() == 0 || _allowing.drifted_references ||
+        (record.is_locked() && _allowing.locked_pages)) {
+      return;
+    }
+    if (!record.is_funded() || !_map.is_populated(page)) {
+      report("page ", page, ": populated ", record.populated_ref_count(), " times, but not there at any address");
     }
   }
 
@@ -212,9 +263,9 @@ class Checker {
       report("page ", page, ": ", record.active_ref_count(), " active references on a page that is not handed out");
     }
     // Blocks in a premapped region have no records, and those of an unregistered space no longer: what is more is theirs.
-    const bool may_be_more = page <= _last_premapped_page || _allowing.abandoned_spaces;
-    if (record.active_ref_count() < at.expected_refs ||
-        (!may_be_more && record.active_ref_count() != at.expected_refs)) {
+    const unsigned long more = record.active_ref_count() - at.expected_refs;
+    const bool is_of_records = at.premapped_refs == 0 ? more == 0 : more % at.premapped_refs == 0;
+    if (record.active_ref_count() < at.expected_refs || (!is_of_records && !_allowing.abandoned_spaces)) {
       report("page ", page, ": ", record.active_ref_count(), " active references, ", at.expected_refs, " in use");
     }
   }
@@ -232,8 +283,8 @@ class Checker {
       funded += account->*exposed(PMEM_Account_funded_pages{});
       _usage += 144;
     }
-    if (used != _handed_out) {
-      report("accounts use ", used, " pages, ", _handed_out, " are handed out");
+    if (used != _handed_out + _lost) {
+      report("accounts use ", used, " pages, ", _handed_out, " are handed out, ", _lost, " lost");
     }
     if (funded < _funded || (funded != _funded && !_allowing.commits_outside_zones)) {
       report("accounts count ", funded, " funded pages, ", _funded, " pages are funded");
@@ -242,13 +293,36 @@ class Checker {
 
   void check_file() {
     struct stat file {};
-    if (Faults::on_fallocate64 || fstat(PMEM::backing_storage_fd(), &file) != 0) {
-      return;  // memory that is not taken, or a file that was closed
+    const int descriptor = PMEM::backing_storage_fd();
+    if (fstat(descriptor, &file) != 0) {
+      return;  // closed
+    }
+    if (static_cast<unsigned long>(file.st_size) != PMEM_BackingStorage::size()) {
+      report("the file is ", file.st_size, " bytes long, known as ", PMEM_BackingStorage::size());
+    }
+    if (Faults::on_fallocate64) {
+      return;  // memory that is not taken
     }
     const unsigned long in_file = static_cast<unsigned long>(file.st_blocks) * 512;
     const unsigned long counted = _funded * kTwoMiB;
     if (in_file < counted || (in_file != counted && !_allowing.commits_outside_zones)) {
       report("the file holds ", in_file, " bytes, ", _funded, " pages are funded");
+    }
+    if (!PMEM::using_explicit_huge_pages() && !_allowing.commits_outside_zones) {
+      check_written_pages(descriptor);
+    }
+  }
+
+  // Page by page a file tells only what was written (and a file of huge pages not even that): that must have been paid.
+  void check_written_pages(int descriptor) {
+    off_t end = 0;
+    for (off_t start = lseek(descriptor, 0, SEEK_DATA); start != -1; start = lseek(descriptor, end, SEEK_DATA)) {
+      end = lseek(descriptor, start, SEEK_HOLE);
+      for (long page = start / static_cast<off_t>(kTwoMiB); page * static_cast<off_t>(kTwoMiB) < end; ++page) {
+        if (page >= static_cast<long>(_places.size()) || !PMEM_PageInfo::page_info(page)->is_funded()) {
+          report("page ", page, ": written in the file without being funded");
+        }
+      }
     }
   }
 
@@ -261,14 +335,32 @@ class Checker {
         continue;
       }
       VMEM_PageManager& manager = space->page_manager();
-      report_if(manager.Check(), "space ", id);
+      const char* const broken = manager.Check();
+      const bool lost = broken != nullptr && (broken == kLostAddresses || broken == kHalfMade);
+      report_if(_allowing.lost_pages && lost ? nullptr : broken, "space ", id);
       const long last_premapped = manager.*exposed(VMEM_PageManager_last_premapped_page{});
-      _last_premapped_page = std::max(_last_premapped_page, last_premapped);
+      check_premapped_region(*space, id, last_premapped);
       const std::set<long> cached = check_cache(*space, id);
       check_blocks(*space, id, last_premapped + 1, cached);
       count_space(manager);
     }
   }
+
+  // Page n at offset n of every alias, if the space maps all.
+  void check_premapped_region(VMEM_SpaceManager& space, long id, long last_page) {
+    const bool map_all = space.*exposed(VMEM_SpaceManager_map_all_aliases{});
+    for (long page = 0; page <= last_page && page < static_cast<long>(_places.size()); ++page) {
+      place(page).premapped_refs = std::gcd(place(page).premapped_refs, references_of_block(space));
+      for (int i = 0; map_all && !_allowing.partly_mapped_blocks && i < alias_count(space); ++i) {
+        const auto* const base = static_cast<char*>((space.*exposed(VMEM_SpaceManager_aliases{}))[i].base);
+        if (!_map.is_mapped_at(base + page_offset(page), page)) {
+          report("space ", id, ": premapped page ", page, " not mapped at alias ", i);
+        }
+      }
+    }
+  }
+
+  static int alias_count(VMEM_SpaceManager& space) { return (space.*exposed(VMEM_SpaceManager_alias_count{})).load(); }
 
   // The first pages of all blocks in the cache.
   std::set<long> check_cache(VMEM_SpaceManager& space, long id) {
@@ -300,17 +392,45 @@ class Checker {
     const VMEM_PageInfo* block = nullptr;
     for (long vpage = first_page; (block = manager.get_vmem_page_info(vpage)) != nullptr;) {
       if (block->is_free() || block->Check() != nullptr) {  // broken blocks are reported by now
+        check_stale_mapping(space, id, vpage, *block);
+        note_half_made(*block);
         ++vpage;
         continue;
       }
       const std::vector<long> pages = pages_of(*block);
       const bool is_cached = cached.count(vpage) != 0;
+      const bool is_half_freed = std::any_of(pages.begin(), pages.end(), [this](long page) { return is_lost(page); });
       for (const long page : pages) {
+        place(page).half_freed = place(page).half_freed || is_half_freed;
         place(page).cached = place(page).cached || is_cached;
-        place(page).expected_refs += is_cached ? 0 : references_of_block(space);
+        place(page).expected_refs += is_cached || is_half_freed ? 0 : references_of_block(space);
       }
       check_mappings(space, id, vpage, pages);
       vpage += block->block_size();
+      if (vpage - 1 > static_cast<long>(manager.*exposed(VMEM_PageManager_high_watermark_page{})) && !is_half_freed) {
+        report("space ", id, ": a block up to page ", vpage - 1, ", above the watermark");
+      }
+    }
+  }
+
+  void note_half_made(const VMEM_PageInfo& record) {
+    if (_allowing.lost_pages && !record.is_free() && record.pmem_page() >= 0) {
+      place(record.pmem_page()).half_freed = true;
+    }
+  }
+
+  // A free page remembers what is still mapped there, at one alias at least.
+  void check_stale_mapping(VMEM_SpaceManager& space, long id, long vpage, const VMEM_PageInfo& record) {
+    const long old_page = record.prev_pmem_page();
+    if (!record.is_free() || old_page == kNoPage || _allowing.drifted_references || _allowing.partly_mapped_blocks) {
+      return;
+    }
+    const auto& aliases = space.*exposed(VMEM_SpaceManager_aliases{});
+    const bool mapped = std::any_of(aliases, aliases + alias_count(space), [&](const auto& alias) {
+      return _map.is_mapped_at(static_cast<char*>(alias.base) + page_offset(vpage), old_page);
+    });
+    if (!mapped) {
+      report("space ", id, ": page ", old_page, " remembered at the free page ", vpage, ", but not mapped there");
     }
   }
 
@@ -324,9 +444,7 @@ class Checker {
   }
 
   static unsigned long references_of_block(VMEM_SpaceManager& space) {
-    return space.*exposed(VMEM_SpaceManager_map_all_aliases{})
-               ? static_cast<unsigned long>((space.*exposed(VMEM_SpaceManager_alias_count{})).load())
-               : 1;
+    return space.*exposed(VMEM_SpaceManager_map_all_aliases{}) ? static_cast<unsigned long>(alias_count(space)) : 1;
   }
 
   // A block of a map-all space is at every alias that wants its size, another one at one of them at least.
@@ -335,7 +453,7 @@ class Checker {
       return;
     }
     const auto& aliases = space.*exposed(VMEM_SpaceManager_aliases{});
-    const int count = (space.*exposed(VMEM_SpaceManager_alias_count{})).load();
+    const int count = alias_count(space);
     const bool map_all = space.*exposed(VMEM_SpaceManager_map_all_aliases{});
     int mapped_at = 0;
     for (int i = 0; i < count; ++i) {
@@ -417,13 +535,23 @@ class Checker {
   std::ostringstream _broken;
   std::vector<Place> _places;
   ProcessMap _map;
-  long _last_premapped_page = kNoPage;
   unsigned long _handed_out = 0;
+  unsigned long _lost = 0;
   unsigned long _funded = 0;
   unsigned long _usage = 0;
 };
 
 }  // namespace
+
+Allowing operator|(const Allowing& one, const Allowing& other) {
+  return {.drifted_references = one.drifted_references || other.drifted_references,
+          .partly_mapped_blocks = one.partly_mapped_blocks || other.partly_mapped_blocks,
+          .locked_pages = one.locked_pages || other.locked_pages,
+          .overlapping_ranges = one.overlapping_ranges || other.overlapping_ranges,
+          .commits_outside_zones = one.commits_outside_zones || other.commits_outside_zones,
+          .abandoned_spaces = one.abandoned_spaces || other.abandoned_spaces,
+          .lost_pages = one.lost_pages || other.lost_pages};
+}
 
 std::string broken_invariants(const Allowing& allowing) {
   const int error = errno;

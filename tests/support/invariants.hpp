@@ -26,7 +26,14 @@ struct Allowing {
   // What an unregistered space, or one whose registration failed, keeps of the internal usage; and the pages of blocks
   // that an unregistered space held, which stay handed out.
   bool abandoned_spaces = false;
+  // A block that was freed while a list had no memory to take its pages back, or its addresses: they are in no list, and
+  // the account goes on paying for such pages. What was not freed yet stays in use by nobody.
+  bool lost_pages = false;
+
+  bool operator==(const Allowing&) const = default;
 };
+
+Allowing operator|(const Allowing& one, const Allowing& other);
 
 // Names every invariant that does not hold, one a line; empty when all is well. Only while no other thread is in the
 // library, and only for heaps whose pages are allocated through spaces and fixed addresses.

@@ -1,8 +1,12 @@
 #include "process_map.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
@@ -38,7 +42,7 @@ ProcessMap ProcessMap::of_file(int descriptor) {
     for (unsigned long address = first; address < end; address += kPageBytes) {
       const long page = static_cast<long>((offset + (address - first)) / kPageBytes);
       if (map._page_at.emplace(address, page).second) {
-        ++map._mappings[page];
+        map._addresses[page].push_back(address);
       }
     }
   }
@@ -51,8 +55,26 @@ long ProcessMap::page_at(unsigned long address) const {
 }
 
 unsigned long ProcessMap::mappings_of(long page) const {
-  const auto found = _mappings.find(page);
-  return found == _mappings.end() ? 0 : found->second;
+  const auto found = _addresses.find(page);
+  return found == _addresses.end() ? 0 : found->second.size();
+}
+
+bool ProcessMap::is_populated(long page) const {
+  constexpr uint64_t kPresentOrSwapped = 3UL << 62;
+  const auto found = _addresses.find(page);
+  const int tables = open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC);
+  if (found == _addresses.end() || tables == -1) {
+    close(tables);
+    return false;
+  }
+  const auto native_page = static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
+  const bool populated = std::any_of(found->second.begin(), found->second.end(), [&](unsigned long address) {
+    uint64_t entry = 0;
+    const auto place = static_cast<off_t>(address / native_page * sizeof entry);
+    return pread(tables, &entry, sizeof entry, place) == sizeof entry && (entry & kPresentOrSwapped) != 0;
+  });
+  close(tables);
+  return populated;
 }
 
 }  // namespace oxtest

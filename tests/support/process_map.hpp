@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <vector>
 
 // Where the backing file is mapped in this process, as the kernel tells it.
 namespace oxtest {
@@ -19,9 +20,12 @@ class ProcessMap {
   // How many addresses a page is mapped at.
   unsigned long mappings_of(long page) const;
 
+  // Whether the page can be reached at one of them without a fault: the kernel's own page tables say so.
+  bool is_populated(long page) const;
+
  private:
   std::map<unsigned long, long> _page_at;
-  std::map<long, unsigned long> _mappings;
+  std::map<long, std::vector<unsigned long>> _addresses;
 };
 
 }  // namespace oxtest

@@ -546,6 +546,7 @@ TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsAddTheSamePages_EachIsListedO
   const unsigned seed = test_seed();
   SCOPED_TRACE(seed);
   run_at_once(seed, {add_all, add_all, add_all, add_all});
+  EXPECT_STREQ(PMEM_PageAllocator::check_needs_pretouch_list(), nullptr);
   EXPECT_EQ(PMEM_PageAllocator::needs_pretouch_list_size(), static_cast<unsigned long>(kPages));
   std::vector<long> drained = drain_needs_pretouch_list();
   std::sort(drained.begin(), drained.end());
@@ -592,6 +593,7 @@ TEST_F(PageAllocatorTest, NeedsPretouchList_ThreadsAddAndRemoveTheSamePages_Link
   const unsigned seed = test_seed();
   SCOPED_TRACE(seed);
   run_at_once(seed, {add, remove, add, remove});
+  EXPECT_STREQ(PMEM_PageAllocator::check_needs_pretouch_list(), nullptr);
   std::vector<long> linked;
   for (const long page : sequence(0, kUsed - 1)) {
     if (record(page)->next_pretouch_page() != nullptr) {
@@ -1256,6 +1258,8 @@ TYPED_TEST(FreeListTest, Threads_AllocateFreeUncommitAndRecommit_NoPageIsLostOrD
   EXPECT_EQ(doubled, 0);
   EXPECT_GT(allocations, 0);
   EXPECT_GT(moved, 0U);
+  EXPECT_STREQ(tested.Check(), nullptr);
+  EXPECT_STREQ(PMEM_PageAllocator::check_needs_pretouch_list(), nullptr);
   std::vector<int> found(kUsed, 0);
   std::istringstream text(printed(tested));
   unsigned long free = 0;

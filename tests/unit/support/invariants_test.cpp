@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <functional>
 
@@ -26,9 +27,17 @@ OXTEST_EXPOSE(PMEM_Account, funding_in_progress);
 OXTEST_EXPOSE(PMEM_PageAllocator, free_pages_low);
 OXTEST_EXPOSE(PMEM_PageAllocator, needs_pretouch_list);
 OXTEST_EXPOSE(PMEM_PageAllocator, needs_pretouch_list_size);
+OXTEST_EXPOSE(PMEM_BackingStorage, committed_watermark_bytes);
+OXTEST_EXPOSE(PMEM_BackingStorage, file_size);
+OXTEST_EXPOSE(PMEM_PageAllocator, free_pages_high);
+OXTEST_EXPOSE(VMEM_FixedAddressPageInfo, prot);
 OXTEST_EXPOSE(VMEM, space_manager);
+OXTEST_EXPOSE(VMEM_PageManager, high_watermark_page);
 OXTEST_EXPOSE(VMEM_SpaceManager, cache);
 OXTEST_EXPOSE(VMEM_PerSizeListPageCache, cached_pages);
+OXTEST_EXPOSE(VMEM_PerSizeListPageCache, cached_pages_max);
+OXTEST_EXPOSE(VMEM_PerSizeListPageCache, buckets);
+OXTEST_EXPOSE(PMEM_PageInfo, funded_pages);
 
 namespace {
 
@@ -104,6 +113,14 @@ class InvariantsTest : public Test {
     ASSERT_EQ(ox_populate_page_table_chunk_pliv(cached_space, 2), 10);
   }
 
+  static long first_free_page_mapped_nowhere() {
+    long page = 0;
+    while (!PMEM_PageInfo::page_info(page)->is_free() || PMEM_PageInfo::page_info(page)->ref_count() != 0) {
+      ++page;
+    }
+    return page;
+  }
+
   static PMEM_Account& account(int index) { return *PMEM::accounts(index); }
 
   VMEM_PerSizeListPageCache& cache() const {
@@ -153,6 +170,11 @@ struct Break {
   std::function<void()> mend;
 };
 
+template <typename Number, typename Value>
+Break set_to(Value value, const char* named, Number& number) {
+  return {named, [&number, value] { number = value; }, [&number, before = Value{number}] { number = before; }};
+}
+
 template <typename Number>
 Break off_by_one(const char* named, Number& number) {
   return {named, [&number] { number = number + 1; }, [&number] { number = number - 1; }};
@@ -173,6 +195,16 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
   PMEM_PageInfo* const pretouch = exposed(PMEM_PageAllocator_needs_pretouch_list{})->load();
   PMEM_PageInfo* const pretouch_link = pretouch->next_pretouch_page();
   VMEM_PageInfo& cached_block = *manager(cached_space).page_manager().get_vmem_page_info(cached_page);
+  PMEM_PageInfo& outside = *PMEM_PageInfo::page_info(kPages - 1);
+  const auto used_number = static_cast<unsigned long>(used.page_num());
+  const long unmapped = first_free_page_mapped_nowhere();
+  PMEM_PageInfo& premapped = *PMEM_PageInfo::page_info(0);
+  VMEM_PageInfo& never_used = *virtual_pages.get_vmem_page_info(30);
+  auto& cached_blocks = *(cache().*exposed(VMEM_PerSizeListPageCache_buckets{}))[4];
+  const auto punch = [] {
+    real::fallocate64(PMEM::backing_storage_fd(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                      31 * static_cast<long>(kPage), kPage);
+  };
   const unsigned long lowest = runs.free_list()->alloc_block(1);
   runs.free_list()->free_block(lowest, 1);
 
@@ -213,11 +245,7 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
       off_by_one("account 5: funding that never ended", account(5).*exposed(PMEM_Account_funding_in_progress{})),
       {"funded pages", [&] { account(5).add_funded_pages(1); }, [&] { account(5).add_funded_pages(-1UL); }},
       {"the file holds",
-       [&] { real::fallocate64(PMEM::backing_storage_fd(), 0, 31 * static_cast<long>(kPage), kPage); },
-       [&] {
-         real::fallocate64(PMEM::backing_storage_fd(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
-                           31 * static_cast<long>(kPage), kPage);
-       }},
+       [&] { real::fallocate64(PMEM::backing_storage_fd(), 0, 31 * static_cast<long>(kPage), kPage); }, punch},
       {"a page that is neither in a free range nor in a block",
        [&] { virtual_pages.allocator()->alloc_specific(31, 1); },
        [&] { virtual_pages.allocator()->free_block(31, 1); }},
@@ -234,6 +262,33 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
          mprotect(fixed, kPage, PROT_NONE), fixed_page.change_state_to_allocated_from_free(1, used.page_num(), 3);
        },
        [&] { fixed_page.change_state_to_free_from_allocated(1); }},
+      {"page 63: in use outside every zone", [&] { outside.mark_allocated(); }, [&] { outside.mark_not_funded(); }},
+      {"page 63: has memory outside every zone", [&] { outside.mark_free(); }, [&] { outside.mark_not_funded(); }},
+      {"handed out to no account", [&] { used.set_acct(7); }, [&] { used.set_acct(5); }},
+      {"the bitmap of pages with memory differs", [&] { exposed(PMEM_PageInfo_funded_pages{})->clear(used_number); },
+       [&] { exposed(PMEM_PageInfo_funded_pages{})->set(used_number); }},
+      set_to(kPage, "has memory beyond the committed watermark",
+             *exposed(PMEM_BackingStorage_committed_watermark_bytes{})),
+      {"page 31: written in the file without being funded",
+       [&] { EXPECT_EQ(pwrite(PMEM::backing_storage_fd(), "", 1, 31 * static_cast<long>(kPage)), 1); }, punch},
+      off_by_one("bytes long, known as", *exposed(PMEM_BackingStorage_file_size{})),
+      {"populated 1 times, but not there at any address",
+       [&] { PMEM::increment_populated_ref_count_for_page(unmapped); },
+       [&] { PMEM::decrement_populated_ref_count_for_page(unmapped); }},
+      {"active references on a page that is not handed out", [&] { tail->atomic_add_active_ref_count(1); },
+       [&] { tail->atomic_add_active_ref_count(-1); }},
+      {"page 0: 4 active references, 0 in use", [&] { premapped.atomic_add_active_ref_count(1); },
+       [&] { premapped.atomic_add_active_ref_count(-1); }},
+      set_to(0L, "above the watermark", virtual_pages.*exposed(VMEM_PageManager_high_watermark_page{})),
+      {"remembered at the free page 30", [&] { never_used.set_prev_pmem_page(unmapped); },
+       [&, before = never_used.prev_pmem_page()] { never_used.set_prev_pmem_page(before); }},
+      {"cached twice", [&] { cached_blocks.push_back(cached_blocks.back()); }, [&] { cached_blocks.pop_back(); }},
+      set_to(0UL, "cached pages outside their watermarks",
+             cache().*exposed(VMEM_PerSizeListPageCache_cached_pages_max{})),
+      set_to(0UL, "zone 0: a page count outside its watermarks", queue.*exposed(PMEM_PageAllocator_free_pages_high{})),
+      {"of its own?", [&] { fixed_page.change_state_to_allocating_from_free(1, used.page_num()); },
+       [&] { fixed_page.change_state_to_free_from_allocating(1); }},
+      off_by_one("free fixed address", fixed_page.*exposed(VMEM_FixedAddressPageInfo_prot{})),
       {"internal usage", [] { InternalMemoryUsage::inc_internal_usage(1); },
        [] { InternalMemoryUsage::dec_internal_usage(1); }},
   };
@@ -259,10 +314,12 @@ TEST_F(InvariantsTest, MappingsThatAreGone_AreNamedForTheBlocksThatNeedThem) {
   munmap(static_cast<char*>(manager(cached_space).base_addr_for_alias(1)) + (blocks[1].first - alias_0), kPage);
   munmap(plain + kPage, kPage);
   munmap(fixed + kPage, kPage);
+  munmap(static_cast<char*>(manager(cached_space).base_addr_for_alias(2)) + kPage, kPage);
   const std::string broken = broken_invariants();
   EXPECT_THAT(broken, HasSubstr("not mapped at alias 1"));
   EXPECT_THAT(broken, HasSubstr("space 1: block of 3 at page 0 mapped nowhere"));
   EXPECT_THAT(broken, HasSubstr("fixed address"));
+  EXPECT_THAT(broken, HasSubstr("space 0: premapped page 1 not mapped at alias 2"));
   EXPECT_THAT(broken, HasSubstr("1 references, 0 mappings"));
   EXPECT_EQ(broken_invariants({.drifted_references = true, .partly_mapped_blocks = true}), "");
 }
@@ -286,6 +343,30 @@ TEST_F(InvariantsTest, FundedPageOutOfTheMiddle_LeavesOverlappingRanges) {
   EXPECT_EQ(mapping_at(block).page, kRuns + static_cast<long>(kZone));
   EXPECT_THAT(broken_invariants(), HasSubstr("zone 1: free ranges out of order, overlapping or touching"));
   EXPECT_EQ(broken_invariants({.overlapping_ranges = true}), "");
+}
+
+// The block lies between blocks in use, physically and virtually: each list takes it as a range of its own.
+TEST_F(InvariantsTest, BlockFreedWithoutMemoryForItsLists_IsLost) {
+  struct Loss {
+    int skipped_calls;
+    const char* named;
+  };
+  for (const Loss& loss : {Loss{0, "in 0 places"}, Loss{1, "neither in a free range nor in a block"}}) {
+    char* const before = take(plain_space, 1, 5);
+    char* const lost = take(plain_space, 2, 5);
+    char* const behind = take(plain_space, 2, 5);
+    ASSERT_EQ(broken_invariants({.lost_pages = true}), "") << before << behind;
+    Faults::fail(Call::operator_new, ENOMEM, loss.skipped_calls);
+    EXPECT_EQ(ox_munmap_from_space_pliv(plain_space, lost, 2 * kPage, 5, 0), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    Faults::reset();
+    EXPECT_THAT(broken_invariants(), HasSubstr(loss.named));
+    EXPECT_EQ(broken_invariants({.lost_pages = true}), "");
+    // What else is broken is still named.
+    InternalMemoryUsage::inc_internal_usage(1);
+    EXPECT_THAT(broken_invariants({.lost_pages = true}), HasSubstr("internal usage"));
+    InternalMemoryUsage::dec_internal_usage(1);
+  }
 }
 
 TEST_F(InvariantsTest, UnmappedAliases_LeaveReferences) {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "fixtures.hpp"
+#include "invariants.hpp"
 #include "spaces.hpp"
 #include "utils/log.hpp"
 #include "utils/safeFetch.hpp"
@@ -677,6 +678,7 @@ TEST_F(VmemTest, AccountUsage_ReadWhileOthersAllocateCacheAndFree_AlwaysBalanced
     EXPECT_EQ(PMEM::active_ref_count_for_page(page), 0U);
   }
   EXPECT_NE(bases[0], bases[1]);
+  EXPECT_EQ(broken_invariants(), "");
 }
 
 }  // namespace
