@@ -355,6 +355,7 @@ int64_t Model::unregister_space(const Exported& call) {
   if (known->unregister() != 0) {
     throw Death{"src/vmem/vmem", "unregistering a space failed"};
   }
+  pages_lost_in_caches += known->cache.has_value() ? known->cache->cached : 0;
   _leftover.allocators += 1;
   _leftover.nodes += known->manager.ranges().nodes();
   _leftover.table_bytes += known->manager.table_bytes();

@@ -64,6 +64,7 @@ class Model {
   Physical physical;
   FixedAddresses fixed;
   std::vector<std::unique_ptr<Space>> spaces;  // null once unregistered
+  uint64_t pages_lost_in_caches = 0;  // of spaces that were unregistered
   bool is_closed = false;                      // all memory was given back: nothing more can be asked
 
   // Statistics, as the library's records have them.

@@ -280,6 +280,19 @@ uint64_t Zones::not_committed() const {
   return left;
 }
 
+bool Zones::has_funded_what_was_given_back() const {
+  for (const auto& zone : zones) {
+    for (const Ranges::Block& block : zone->list->defunded_list.blocks()) {
+      for (uint64_t page = block.start; page < block.end; ++page) {
+        if (_pages.at(static_cast<int64_t>(page)).is_funded()) {
+          return true;
+        }
+      }
+    }
+  }
+  return false;
+}
+
 // A first pass gives every zone a share in proportion to what it can do. An empty pool leaves it out.
 template <typename Measure, typename Work>
 long Zones::spread(uint64_t count, uint64_t pool, uint64_t& done, Measure measure, Work work) {

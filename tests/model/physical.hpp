@@ -228,6 +228,7 @@ class Zones {
   uint64_t free_pages() const;
   uint64_t defunded_pages() const;
   uint64_t not_committed() const;
+  bool has_funded_what_was_given_back() const;  // a prefill came too late
 
   std::vector<std::unique_ptr<Zone>> zones;
 

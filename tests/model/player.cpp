@@ -568,6 +568,9 @@ void Player::compare_address(int64_t space, uint64_t address) {
 void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
   const bool failed = is_failure(call, answer.result);
   switch (call.op) {
+    case Op::MmapWithinSpace:
+      _allowing.drifted_references = _allowing.drifted_references || (!failed && _world.leaves_aliases_out(call.at(0)));
+      break;
     case Op::MultimapWithin:
     case Op::MultimapBetween:
       _is_populated_beyond = true;
@@ -579,20 +582,31 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
       break;
     case Op::UnregisterSpace:
       _allowing.abandoned_spaces = true;
+      _allowing.pages_lost_in_caches = _model.pages_lost_in_caches;
       [[fallthrough]];
     case Op::MunmapAliases:
       _allowing.drifted_references = true;
       _allowing.partly_mapped_blocks = true;
       break;
+    case Op::Munreserve:
+      _is_lawful = _is_lawful && (failed || !_model.fixed.is_any_allocated(call.arguments[0], call.arguments[1]));
+      break;
     case Op::RefreshFree:
       _allowing.locked_pages = true;
       break;
     case Op::CreatePzone:
+      _is_lawful = _is_lawful && !failed && call.arguments[1] <= call.arguments[2];
+      break;
     case Op::RegisterAlias:
-      _is_lawful = _is_lawful && !failed && call.arguments[1] <= call.arguments[2] && _world.blocks().empty();
+      _is_lawful = _is_lawful && !failed && !_world.has_blocks(call.at(0));
+      _allowing.drifted_references = _allowing.drifted_references || !_world.blocks().empty() || _world.has_stale_blocks();
       break;
     case Op::RegisterSpace:
       _allowing.abandoned_spaces = _allowing.abandoned_spaces || failed;
+      break;
+    case Op::PrefillChunk:
+    case Op::Prefill:
+      _is_lawful = _is_lawful && !_model.physical.zones.has_funded_what_was_given_back();
       break;
     case Op::MunmapFromSpace:
       _is_lawful = _is_lawful && (failed || _world.knows(call));

@@ -848,6 +848,12 @@ bool FixedAddresses::is_allocated(uint64_t address) const {
   return all(address >> kPageShift, 1, true);
 }
 
+bool FixedAddresses::is_any_allocated(uint64_t address, uint64_t length) const {
+  const auto end = _records.lower_bound((address + length) >> kPageShift);
+  return std::any_of(_records.lower_bound(address >> kPageShift), end,
+                     [](const auto& entry) { return entry.second.allocated; });
+}
+
 std::vector<uint64_t> FixedAddresses::allocated() const {
   std::vector<uint64_t> addresses;
   for (const auto& [page, record] : _records) {

@@ -176,6 +176,7 @@ class FixedAddresses {
   int64_t offset_behind(uint64_t address);
 
   bool is_allocated(uint64_t address) const;
+  bool is_any_allocated(uint64_t address, uint64_t length) const;
   std::vector<uint64_t> allocated() const;  // addresses
 
   uint64_t tracked_bytes = 0;

@@ -651,6 +651,19 @@ std::vector<Block>::const_iterator World::find(const Exported& call) const {
   });
 }
 
+bool World::has_blocks(int64_t space) const {
+  const Space* known = known_space(space);
+  return (known != nullptr && known->cache.has_value() && known->cache->cached > 0) ||
+         std::any_of(_blocks.begin(), _blocks.end(), [space](const Block& block) { return block.space == space; });
+}
+
+bool World::leaves_aliases_out(int64_t space) const {
+  const Space* known = known_space(space);
+  return known != nullptr && known->aliases.size() > 1 &&
+         (!known->map_all || std::any_of(known->aliases.begin(), known->aliases.end(),
+                                         [](const Alias& alias) { return !alias.maps_blocks; }));
+}
+
 bool World::knows(const Exported& call) const {
   return find(call) != _blocks.end();
 }

@@ -43,6 +43,14 @@ class World {
 
   const std::vector<Block>& blocks() const { return _blocks; }
 
+  bool has_stale_blocks() const { return !_stale.empty(); }
+
+  // Whether blocks of the space live, or are kept in its cache.
+  bool has_blocks(int64_t space) const;
+
+  // Whether blocks of the space may come to lie at other aliases than the blocks before them.
+  bool leaves_aliases_out(int64_t space) const;
+
   // Whether the call names a live block exactly (MunmapFromSpace, MultimapBetween).
   bool knows(const Exported& call) const;
 

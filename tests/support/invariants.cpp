@@ -172,6 +172,7 @@ class Checker {
         report("page ", page, ": left locked");
       }
     }
+    check_lost_pages();
     if (static_cast<unsigned long>(static_cast<long>(*exposed(PMEM_total_ref_count{}))) != references) {
       report("total of references ", static_cast<long>(*exposed(PMEM_total_ref_count{})), ", on pages ", references);
     }
@@ -199,7 +200,19 @@ class Checker {
              record.is_allocated() ? ", handed out)" : ")");
     }
     if (record.is_allocated() && record.active_ref_count() == 0 && !at.cached && !at.fixed) {
+      _lost.push_back(page);
+    }
+  }
+
+  void check_lost_pages() {
+    if (_lost.size() == _allowing.pages_lost_in_caches) {
+      return;
+    }
+    for (const long page : _lost) {
       report("page ", page, ": handed out and lost");
+    }
+    if (_allowing.pages_lost_in_caches != 0) {
+      report(_lost.size(), " pages lost, ", _allowing.pages_lost_in_caches, " with caches");
     }
   }
 
@@ -418,6 +431,7 @@ class Checker {
   std::vector<Place> _places;
   ProcessMap _map;
   long _last_premapped_page = kNoPage;
+  std::vector<long> _lost;  // handed out, and nobody has them
   unsigned long _handed_out = 0;
   unsigned long _funded = 0;
   unsigned long _usage = 0;

@@ -26,6 +26,8 @@ struct Allowing {
   // What an unregistered space, or one whose registration failed, keeps of the internal usage; and the pages of blocks
   // that an unregistered space held, which stay handed out.
   bool abandoned_spaces = false;
+  // So many pages lay in the caches of spaces that were unregistered: handed out, and no block of anybody.
+  unsigned long pages_lost_in_caches = 0;
 };
 
 // Names every invariant that does not hold, one a line; empty when all is well. Only while no other thread is in the
