@@ -233,7 +233,7 @@ long Zones::fund(uint64_t count, uint64_t& funded, uint64_t& advanced) {
 bool Zones::is_initially_funded(int64_t page) {
   const uint8_t zone = _pages.at(page).zone;
   if (!is_known(zone)) {
-    throw Unlawful{};
+    die_manager("Zone id larger than configured number of zones");
   }
   return zones[zone]->is_initially_funded(page);
 }
@@ -758,7 +758,7 @@ void Physical::populate(uint64_t address, int64_t page, uint64_t count, bool onl
       throw Stuck{};
     }
     if (!system.is_readable(address + (i << kPageShift))) {
-      throw Unlawful{};
+      throw Death{.unit = {}, .message = {}, .is_fault = true};
     }
     add_populated(at, 1);
   }

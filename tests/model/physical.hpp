@@ -231,6 +231,7 @@ class Zones {
   bool has_funded_what_was_given_back() const;  // a prefill came too late
 
   std::vector<std::unique_ptr<Zone>> zones;
+  uint64_t budget() const { return _budget; }  // pages still to be committed for zones that are created
 
  private:
   long prefund(Zone& zone, uint64_t initial, uint64_t& prefunded);
