@@ -286,7 +286,9 @@ class Scene {
       const uint64_t all = std::min(share, left);
       const uint64_t growth = (_header[8] >> 3) % 4 == 0 ? 0 : all * ((_header[8] >> (zone + 2)) % 4) / 4;
       const uint64_t initial = std::max<uint64_t>(all - growth, 1);
-      call(Op::CreatePzone, {0, byte_of(initial), byte_of(all - initial), byte_of(_header[6] >> (2 + zone) & 1)});
+      const bool has_surplus = zone + 1 == zones && _header[6] >= 244;  // one initial page more than it may have
+      call(Op::CreatePzone, {0, byte_of(initial), has_surplus ? byte_of(250) : byte_of(all - initial),
+                             byte_of(_header[6] >> (2 + zone) & 1)});
       left -= all;
     }
   }

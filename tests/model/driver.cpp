@@ -202,6 +202,7 @@ Outcome Driver::judge(int status) const {
   const std::string output = error_output();
   if (died_as_it_must(status, output)) {
     outcome.ending = Ending::Died;
+    outcome.death = _shared->is_fault ? "a fault" : std::string(_shared->unit) + ": " + _shared->message;
     return outcome;
   }
   std::string what = _shared->difference;
@@ -244,7 +245,7 @@ Outcome Driver::run(const Sequence& sequence, bool with_script) {
   ++_totals.endings[static_cast<size_t>(outcome.ending)];
   _totals.sum += outcome.calls;
   if (outcome.ending == Ending::Died) {
-    ++_totals.deaths[_shared->is_fault ? "a fault" : std::string(_shared->unit) + ": " + _shared->message];
+    ++_totals.deaths[outcome.death];
   }
   return outcome;
 }

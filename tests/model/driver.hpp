@@ -27,6 +27,7 @@ struct Outcome {
   Ending ending = Ending::Complete;
   uint64_t calls = 0;      // calls made, those that set the scene included
   size_t played = 0;       // of the sequence's own, those before the one that ended it
+  std::string death;       // what the library ended the process with
   std::string difference;  // what differs, and where
   std::string script;      // the calls made, in readable form (asked for only)
 };
