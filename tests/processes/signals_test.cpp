@@ -441,7 +441,7 @@ class SignalStorm {
     event.sigev_signo = SIGRTMIN;
     event._sigev_un._tid = gettid();
     ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &_timer), 0);
-    const itimerspec often{{0, 70'000}, {0, 70'000}};
+    const itimerspec often{{0, 300'000}, {0, 300'000}};
     ASSERT_EQ(timer_settime(_timer, 0, &often, nullptr), 0);
   }
 
