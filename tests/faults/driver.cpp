@@ -370,6 +370,8 @@ Allowing operator|(Allowing one, const Allowing& other) {
   one.overlapping_ranges |= other.overlapping_ranges;
   one.commits_outside_zones |= other.commits_outside_zones;
   one.abandoned_spaces |= other.abandoned_spaces;
+  one.pages_lost_in_caches += other.pages_lost_in_caches;
+  one.pages_tracked_in_vain += other.pages_tracked_in_vain;
   return one;
 }
 

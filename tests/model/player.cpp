@@ -647,6 +647,9 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
       _allowing.drifted_references = true;
       _allowing.partly_mapped_blocks = true;
       break;
+    case Op::Mreserve:
+      _allowing.pages_tracked_in_vain = _model.fixed.pages_tracked_in_vain();
+      break;
     case Op::Munreserve:
       _is_lawful = _is_lawful && (failed || !_model.fixed.is_any_allocated(call.arguments[0], call.arguments[1]));
       break;

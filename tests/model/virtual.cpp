@@ -825,11 +825,11 @@ long Space::unregister() {
 long FixedAddresses::track(uint64_t address, uint64_t length) {
   const uint64_t first = address >> kPageShift;
   const uint64_t pages = length >> kPageShift;
+  tracked_bytes += pages * kTrackedBytes;  // before it is known whether they can be tracked
   for (uint64_t page = first; page < first + pages; ++page) {
     if (!_records.emplace(page, Record{}).second) {
       return _system.fail(EFAULT);
     }
-    tracked_bytes += 16;
   }
   return 0;
 }

@@ -180,8 +180,11 @@ class FixedAddresses {
   std::vector<uint64_t> allocated() const;  // addresses
 
   uint64_t tracked_bytes = 0;
+  uint64_t pages_tracked_in_vain() const { return tracked_bytes / kTrackedBytes - _records.size(); }
 
  private:
+  static constexpr uint64_t kTrackedBytes = 16;
+
   struct Record {
     bool allocated = false;
     int64_t page = kNoPage;
