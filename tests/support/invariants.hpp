@@ -28,7 +28,7 @@ struct Allowing {
   bool abandoned_spaces = false;
   // So many pages lay in the caches of spaces that were unregistered: handed out, and no block of anybody.
   unsigned long pages_lost_in_caches = 0;
-  // So many pages of ranges that were refused, since some of them were tracked already, count as internal usage.
+  // At most so many pages of ranges that were refused, since some of them were tracked already, count as internal usage.
   unsigned long pages_tracked_in_vain = 0;
 };
 
