@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <sstream>
 
 #include "oxpliv/ox_memory_pliv.h"
@@ -44,6 +45,21 @@ int64_t probe2() {
   return ox_mprobe2_pliv(1, 2, 3, 4, 5);
 }
 
+bool first_line_has(const char* path, const char* word) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line.find(word) != std::string::npos;
+}
+
+// Memory files get them where the system gives them to everybody.
+bool uses_transparent_pages_unasked() {
+  const std::string path = "/sys/kernel/mm/transparent_hugepage/";
+  const std::string enabled = path + "enabled";
+  return (first_line_has(enabled.c_str(), "[madvise]") || first_line_has(enabled.c_str(), "[always]")) &&
+         first_line_has((path + "shmem_enabled").c_str(), "[always]");
+}
+
 int64_t version() {
   char text[30] = {};
   uint64_t length = 0;
@@ -80,6 +96,8 @@ const std::vector<Constant>& constants() {
       {"ox_is_running_on_container_pliv()", ox_is_running_on_container_pliv, 0, 0},
       {"ox_pmem_using_explicit_huge_pages_pliv()", ox_pmem_using_explicit_huge_pages_pliv, 0, 0},
       {"ox_qrv_version_pliv(text, length)", version, 12, 0},
+      {"ox_pmem_using_transparent_huge_pages_pliv()", ox_pmem_using_transparent_huge_pages_pliv,
+       uses_transparent_pages_unasked() ? 1 : 0, 0},
   };
   return all;
 }

@@ -1,5 +1,7 @@
 // Plays random sequences of exported calls against the library and against a model of what the calls mean, and compares
-// every answer, errno, request to the system, log line and statistic after every call.
+// every answer, errno, request to the system, log line and statistic after every call. A sequence that ends early (the
+// library must end the process, or would wait) is played again without its last call, every second one, so that it ends
+// in the comparison of all memory and in the checker of invariants like the others.
 //
 //   model_test                 known sequences, the fixed seeds, and as much from one fresh seed (or OXPLIV_SEED): a
 //                              million calls together, or OXPLIV_MODEL_CALLS
