@@ -96,6 +96,8 @@ void ox_set_log_callback_pliv(ox_pliv_log_callback_t callback, ox_pliv_log_level
  *   system as the mapping's offset, so any of the low 12 bits makes the call fail
  * @return 0, or -1: EINVAL (arguments, or a bad offset); EFAULT when the system would place the range elsewhere, or when
  *   the range can't be tracked (some of it is tracked already, or it lies outside the user address space); else as mmap.
+ *   Each try to track a range within the user address space adds its records to ox_get_internal_usage_pliv, a refused one
+ *   too.
  * @par Fatal
  * "munmap failed during ox_mreserve".
  */

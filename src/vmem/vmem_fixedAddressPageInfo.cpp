@@ -21,20 +21,16 @@ bool VMEM_FixedAddressPageInfo::lies_in_table(unsigned long n) const {
   return n <= static_cast<unsigned long>(VMEM_FixedAddressPageInfoManager::vmem_fixed_address_pageinfo_top() - this);
 }
 
-long VMEM_FixedAddressPageInfo::change_state_to_tracked(unsigned long n, unsigned long* tracked) {
-  unsigned long count = 0;
-  for (VMEM_FixedAddressPageInfo* record = this; count < n; ++record, ++count) {
+long VMEM_FixedAddressPageInfo::change_state_to_tracked(unsigned long n) {
+  for (VMEM_FixedAddressPageInfo* record = this; record < this + n; ++record) {
     if (!record->lies_in_table(1) || record->state() != Untracked) {
-      break;
+      return -1;
     }
     record->_pmem_page_offset = kNoPage;
     record->_prot = 0;
     record->_state = Free;
   }
-  if (tracked != nullptr) {
-    *tracked = count;
-  }
-  return count == n ? 0 : -1;
+  return 0;
 }
 
 long VMEM_FixedAddressPageInfo::check_state_is_free(unsigned long n) const {
@@ -189,10 +185,10 @@ long VMEM_FixedAddressPageInfoManager::add_address_range_to_track(void* addr, un
         errno);
     return fail_with(EFAULT);
   }
-  unsigned long tracked = 0;
-  const long result = record->change_state_to_tracked(bytes_to_pages(len), &tracked);
-  InternalMemoryUsage::inc_internal_usage(tracked * VMEM_FixedAddressPageInfo::vmem_fixed_address_pageinfo_size());
-  return result == 0 ? 0 : fail_with(EFAULT);
+  // Counted whole and for good, also when a page of the range turns out to be tracked already.
+  InternalMemoryUsage::inc_internal_usage(bytes_to_pages(len) *
+                                          VMEM_FixedAddressPageInfo::vmem_fixed_address_pageinfo_size());
+  return record->change_state_to_tracked(bytes_to_pages(len)) == 0 ? 0 : fail_with(EFAULT);
 }
 
 }  // namespace oxpliv

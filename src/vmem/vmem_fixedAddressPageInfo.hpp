@@ -25,9 +25,9 @@ class VMEM_FixedAddressPageInfo {
   int prot() const { return _prot; }
   long pmem_page_offset() const { return _pmem_page_offset; }
 
-  // Untracked -> Free, up to the first record that is tracked already or lies outside the table: then -1. `tracked`
-  // counts the records changed, which stay tracked.
-  long change_state_to_tracked(unsigned long n, unsigned long* tracked = nullptr);
+  // Untracked -> Free, up to the first record that is tracked already or lies outside the table: then -1. The records
+  // before it stay tracked.
+  long change_state_to_tracked(unsigned long n);
   // 0 when all n records are in the state, else -1 with EFAULT.
   long check_state_is_free(unsigned long n) const;
   long check_state_is_allocated(unsigned long n) const;

@@ -54,7 +54,8 @@ constexpr std::array<Operation, kOps> kOperations = {{
     {"ox_report_stats_pliv", 2},
     {"ox_initialize_pliv", 1},
     {"constant call", 2},
-    {"fault", 28},
+    {"fault", 27},
+    {"ox_set_log_callback_pliv", 1},
 }};
 
 constexpr int total_weight() {
@@ -266,7 +267,9 @@ class Scene {
   void accounts() {
     const uint64_t fund = 4 + _pages * (_header[4] % 18u) / 12;
     const uint64_t maximum = fund + _header[5] % 97u;
-    account(2, fund, std::max(maximum, _pages));
+    if (_header[4] < 250) {  // most hosts have the account that zones are charged to
+      account(2, fund, std::max(maximum, _pages));
+    }
     for (uint64_t index = 0; index < 8; ++index) {
       const bool wanted = (_header[3] >> index & 1) != 0;
       if (index != 2 && wanted) {
@@ -283,7 +286,9 @@ class Scene {
       const uint64_t all = std::min(share, left);
       const uint64_t growth = (_header[8] >> 3) % 4 == 0 ? 0 : all * ((_header[8] >> (zone + 2)) % 4) / 4;
       const uint64_t initial = std::max<uint64_t>(all - growth, 1);
-      call(Op::CreatePzone, {0, byte_of(initial), byte_of(all - initial), byte_of(_header[6] >> (2 + zone) & 1)});
+      const bool has_surplus = zone + 1 == zones && _header[6] >= 244;  // one initial page more than it may have
+      call(Op::CreatePzone, {0, byte_of(initial), has_surplus ? byte_of(250) : byte_of(all - initial),
+                             byte_of(_header[6] >> (2 + zone) & 1)});
       left -= all;
     }
   }

@@ -36,7 +36,7 @@ enum class Op : uint8_t {
   Mmap,        // which range, page in it, pages, account
   Munmap,      // which range, page in it, pages, account
   Mprotect,    // where, pages, protection, oddity
-  PageProt,    // where, page, oddity
+  PageProt,    // where, page, process and oddity, offset
   // accounts
   SetMaximum,    // account, pages
   Fund,          // account, pages, how
@@ -44,7 +44,7 @@ enum class Op : uint8_t {
   ResetAccount,  // account
   PrefillChunk,  // pages
   Prefill,
-  AccountUsage,   // oddity
+  AccountUsage,   // two oddities, size of the buffer
   PeakCommitted,  // account, oddity
   FundStats,      // oddity
   // zones and pages
@@ -57,10 +57,12 @@ enum class Op : uint8_t {
   // the library as a whole
   PmemStats,  // oddity
   ReportStats,
-  InitializeAgain,  // oddity
+  InitializeAgain,  // oddity, which configuration
   Constant,         // which of the calls with constant answers
   // not a call: the next system calls of one kind that the library makes fail
   Fault,  // which system call, error, how many pass first, how many fail
+  // a call again, here for the sake of sequences that were written down before it was added
+  SetLog,  // whether there is a callback, level
   kCount
 };
 

@@ -44,6 +44,8 @@ void copy_text(char* to, size_t size, const std::string& text) {
 struct Driver::Shared {
   Ending ending;
   bool must_die;
+  bool is_fault;  // and not by a report
+  bool has_told;  // the callback what it dies of
   char unit[128];
   char message[128];
   char call[512];  // the call under way
@@ -51,6 +53,8 @@ struct Driver::Shared {
   char script[1 << 18];
   size_t script_length;
   uint64_t calls;
+  uint64_t played;
+  uint64_t checks;
   std::array<uint64_t, kOps> calls_of;
   std::array<uint64_t, kOps> failures_of;
   ObjectSizes sizes;
@@ -108,8 +112,13 @@ void Driver::play(const Sequence& sequence, bool with_script) {
   signal(SIGALRM, SIG_DFL);
   alarm(kPatienceSeconds);
 
+  std::vector<Call> calls = set_up_calls(sequence.header);
+  const size_t scene = calls.size();
+  calls.insert(calls.end(), sequence.calls.begin(), sequence.calls.end());
+  Player* player = nullptr;
   Player::Hooks hooks;
-  hooks.before = [this, with_script](const Exported& call) {
+  hooks.before = [this, with_script, scene, &player](const Exported& call) {
+    _shared->played = player->played() > scene ? player->played() - scene : 0;
     const std::string text = to_text(call);
     copy_text(_shared->call, sizeof _shared->call, text);
     ++_shared->calls;
@@ -131,13 +140,21 @@ void Driver::play(const Sequence& sequence, bool with_script) {
     copy_text(_shared->unit, sizeof _shared->unit, death.unit);
     copy_text(_shared->message, sizeof _shared->message, death.message);
     _shared->must_die = true;
+    _shared->is_fault = death.is_fault;
+    if (death.is_fault) {
+      signal(SIGSEGV, SIG_DFL);  // a sanitizer would tell of it
+    }
     return true;
   };
-  Player player(configuration(sequence.header), _shared->sizes, std::move(hooks));
-  std::vector<Call> calls = set_up_calls(sequence.header);
-  calls.insert(calls.end(), sequence.calls.begin(), sequence.calls.end());
-  _shared->ending = player.start() ? player.play(calls) : Ending::Difference;
-  copy_text(_shared->difference, sizeof _shared->difference, player.difference());
+  hooks.last_words = [this](const std::string& difference) {
+    copy_text(_shared->difference, sizeof _shared->difference, difference);
+    _shared->has_told = true;
+  };
+  Player the_player(configuration(sequence.header), _shared->sizes, std::move(hooks));
+  player = &the_player;
+  _shared->ending = player->start() ? player->play(calls) : Ending::Difference;
+  _shared->checks += player->checks();
+  copy_text(_shared->difference, sizeof _shared->difference, player->difference());
   _in_child.last();
   leave();
 }
@@ -165,15 +182,27 @@ bool says(const std::string& output, const std::string& unit, const std::string&
 
 }  // namespace
 
+bool Driver::died_as_it_must(int status, const std::string& output) const {
+  if (!_shared->must_die || !WIFSIGNALED(status)) {
+    return false;
+  }
+  if (_shared->is_fault) {
+    return WTERMSIG(status) == SIGSEGV && output.empty();
+  }
+  return WTERMSIG(status) == SIGABRT && _shared->has_told && _shared->difference[0] == 0 &&
+         says(output, _shared->unit, _shared->message);
+}
+
 Outcome Driver::judge(int status) const {
   Outcome outcome;
   outcome.calls = _shared->calls;
+  outcome.played = _shared->played;
   outcome.script = _shared->script;
   outcome.ending = _shared->ending;
   const std::string output = error_output();
-  const bool is_aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-  if (_shared->must_die && is_aborted && says(output, _shared->unit, _shared->message)) {
+  if (died_as_it_must(status, output)) {
     outcome.ending = Ending::Died;
+    outcome.death = _shared->is_fault ? "a fault" : std::string(_shared->unit) + ": " + _shared->message;
     return outcome;
   }
   std::string what = _shared->difference;
@@ -181,8 +210,9 @@ Outcome Driver::judge(int status) const {
     what += "the process ended " + (WIFSIGNALED(status) ? "by signal " + std::to_string(WTERMSIG(status))
                                                         : "with status " + std::to_string(WEXITSTATUS(status)));
     what += ", saying:\n" + output;
-    what += _shared->must_die ? std::string("expected: ") + _shared->unit + ", \"" + _shared->message + "\"\n"
-                              : std::string("the model expects no end\n");
+    what += _shared->is_fault   ? std::string("expected: a fault\n")
+            : _shared->must_die ? std::string("expected: ") + _shared->unit + ", \"" + _shared->message + "\"\n"
+                                : std::string("the model expects no end\n");
     outcome.ending = Ending::Difference;
   }
   if (outcome.ending == Ending::Difference) {
@@ -193,10 +223,11 @@ Outcome Driver::judge(int status) const {
 
 Outcome Driver::run(const Sequence& sequence, bool with_script) {
   _shared->ending = Ending::Difference;
-  _shared->must_die = false;
+  _shared->must_die = _shared->is_fault = _shared->has_told = false;
   _shared->call[0] = _shared->difference[0] = _shared->script[0] = 0;
   _shared->script_length = 0;
   _shared->calls = 0;
+  _shared->played = 0;
   if (ftruncate(_stderr, 0) != 0) {
     std::perror("ftruncate");
   }
@@ -210,12 +241,29 @@ Outcome Driver::run(const Sequence& sequence, bool with_script) {
   Outcome outcome = judge(status);
   _totals.calls = _shared->calls_of;
   _totals.failures = _shared->failures_of;
+  _totals.checks = _shared->checks;
   ++_totals.endings[static_cast<size_t>(outcome.ending)];
   _totals.sum += outcome.calls;
   if (outcome.ending == Ending::Died) {
-    ++_totals.deaths[std::string(_shared->unit) + ": " + _shared->message];
+    ++_totals.deaths[outcome.death];
   }
   return outcome;
+}
+
+bool Driver::is_cut_short(const Outcome& outcome) {
+  return outcome.ending == Ending::Died || outcome.ending == Ending::Stuck || outcome.ending == Ending::Unlawful;
+}
+
+Outcome Driver::run_until(const Sequence& sequence, const Outcome& outcome, Sequence& cut) {
+  cut = sequence;
+  cut.calls.resize(outcome.played);
+  Totals kept = _totals;
+  const Outcome again = run(cut);
+  kept.checks = _shared->checks;
+  _totals = kept;
+  _shared->calls_of = kept.calls;
+  _shared->failures_of = kept.failures;
+  return again;
 }
 
 Sequence Driver::shrink(const Sequence& sequence, std::chrono::seconds patience) {

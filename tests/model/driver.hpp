@@ -26,6 +26,8 @@ inline constexpr size_t kEndings = 5;
 struct Outcome {
   Ending ending = Ending::Complete;
   uint64_t calls = 0;      // calls made, those that set the scene included
+  size_t played = 0;       // of the sequence's own, those before the one that ended it
+  std::string death;       // what the library ended the process with
   std::string difference;  // what differs, and where
   std::string script;      // the calls made, in readable form (asked for only)
 };
@@ -35,6 +37,7 @@ struct Totals {
   std::array<uint64_t, kOps> failures{};
   std::array<uint64_t, kEndings> endings{};
   uint64_t sum = 0;
+  uint64_t checks = 0;                     // how often the checker of invariants was asked
   std::map<std::string, uint64_t> deaths;  // by message
 };
 
@@ -53,6 +56,10 @@ class Driver {
 
   Outcome run(const Sequence& sequence, bool with_script = false);
 
+  // Cuts a sequence off before the call that ended it, so that all is compared that is compared at an end. Not counted.
+  static bool is_cut_short(const Outcome& outcome);
+  Outcome run_until(const Sequence& sequence, const Outcome& outcome, Sequence& cut);
+
   // The shortest sequence found that still differs.
   Sequence shrink(const Sequence& sequence, std::chrono::seconds patience);
 
@@ -63,6 +70,7 @@ class Driver {
 
   void play(const Sequence& sequence, bool with_script);
   Outcome judge(int status) const;
+  bool died_as_it_must(int status, const std::string& output) const;
   std::string error_output() const;
   void learn_sizes();
 

@@ -2,7 +2,10 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <sstream>
 
 #include "oxpliv/ox_memory_pliv.h"
@@ -42,6 +45,21 @@ int64_t probe2() {
   return ox_mprobe2_pliv(1, 2, 3, 4, 5);
 }
 
+bool first_line_has(const char* path, const char* word) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line.find(word) != std::string::npos;
+}
+
+// Memory files get them where the system gives them to everybody.
+bool uses_transparent_pages_unasked() {
+  const std::string path = "/sys/kernel/mm/transparent_hugepage/";
+  const std::string enabled = path + "enabled";
+  return (first_line_has(enabled.c_str(), "[madvise]") || first_line_has(enabled.c_str(), "[always]")) &&
+         first_line_has((path + "shmem_enabled").c_str(), "[always]");
+}
+
 int64_t version() {
   char text[30] = {};
   uint64_t length = 0;
@@ -78,6 +96,8 @@ const std::vector<Constant>& constants() {
       {"ox_is_running_on_container_pliv()", ox_is_running_on_container_pliv, 0, 0},
       {"ox_pmem_using_explicit_huge_pages_pliv()", ox_pmem_using_explicit_huge_pages_pliv, 0, 0},
       {"ox_qrv_version_pliv(text, length)", version, 12, 0},
+      {"ox_pmem_using_transparent_huge_pages_pliv()", ox_pmem_using_transparent_huge_pages_pliv,
+       uses_transparent_pages_unasked() ? 1 : 0, 0},
   };
   return all;
 }
@@ -105,6 +125,10 @@ bool is_failure(const Exported& call, int64_t result) {
   return result == -1;
 }
 
+bool tells_errno(const Exported& call, int64_t result) {
+  return is_failure(call, result) || (call.op == Op::Fund && call.at(2) > 0);
+}
+
 Model::Model(const Configuration& configuration)
     : physical(system, (configuration.max_pages << kPageShift) + configuration.ragged_bytes,
                configuration.initial_pages << kPageShift, configuration.prefund),
@@ -114,7 +138,7 @@ Answer Model::call(const Exported& call) {
   _words.clear();
   Answer answer;
   answer.result = dispatch(call);
-  answer.error = is_failure(call, answer.result) ? system.error : 0;
+  answer.error = tells_errno(call, answer.result) ? system.error : 0;
   answer.words = _words;
   return answer;
 }
@@ -235,13 +259,27 @@ int64_t Model::dispatch_library(const Exported& call) {
     case Op::ReportStats:
       return report_stats();
     case Op::InitializeAgain:
-      return call.arguments[0] == 0 ? refuse() : -1;  // already up: errno stays as the caller has it
+      return initialize_again(call);
+    case Op::SetLog:
+      system.listen(call.arguments[0] != 0, call.int_at(1));
+      return 0;
     default: {
       const Constant& constant = constants()[call.arguments[0] % constants().size()];
       system.error = constant.error;
       return constant.result;
     }
   }
+}
+
+// The fetch is tried before anything else is looked at.
+int64_t Model::initialize_again(const Exported& call) {
+  if (call.arguments[0] == 0) {
+    return refuse();
+  }
+  if (call.arguments[1] == kDeafStub) {
+    throw Death{"src/vmem/vmem", "safe_fetch failure?"};
+  }
+  return -1;  // already up: errno stays as the caller has it
 }
 
 Space* Model::space(int64_t id) {
@@ -355,6 +393,7 @@ int64_t Model::unregister_space(const Exported& call) {
   if (known->unregister() != 0) {
     throw Death{"src/vmem/vmem", "unregistering a space failed"};
   }
+  pages_lost_in_caches += known->cache.has_value() ? known->cache->cached : 0;
   _leftover.allocators += 1;
   _leftover.nodes += known->manager.ranges().nodes();
   _leftover.table_bytes += known->manager.table_bytes();
@@ -499,6 +538,9 @@ int64_t Model::page_prot(const Exported& call) {
     system.error = EINVAL;
     return kNotMapped;
   }
+  if (call.int_at(0) == kNoProcess) {
+    return kNotMapped;  // a file that can't be read is empty
+  }
   const int protection = system.protection_at(call.arguments[1]);
   if (protection == -1) {
     return kNotMapped;
@@ -573,13 +615,17 @@ int64_t Model::usage(const Exported& call) {
   if (call.arguments[1] == 0 || call.arguments[2] == 0) {
     return refuse();
   }
-  _words = account_usage();
+  _words = account_usage(call.arguments[3]);
   return 0;
 }
 
 int64_t Model::peak_committed(const Exported& call) {
   const Account* account = physical.account(call.int_at(1));
-  if (call.arguments[0] == 0 || account == nullptr) {
+  if (call.arguments[0] == 0) {
+    return refuse();
+  }
+  if (account == nullptr) {
+    _words = {kUntouched};
     return refuse();
   }
   _words = {account->peak << kPageShift};
@@ -587,7 +633,11 @@ int64_t Model::peak_committed(const Exported& call) {
 }
 
 int64_t Model::fund_stats(const Exported& call) {
-  if (call.arguments[0] == 0 || call.arguments[1] == 0) {
+  if (call.arguments[0] == 0) {
+    return refuse();
+  }
+  if (call.arguments[1] == 0) {
+    _words.assign(27, kUntouched);
     return refuse();
   }
   constexpr uint64_t kUnlimited = 0x7FFFFFFFFFFFFFFF;
@@ -609,12 +659,16 @@ int64_t Model::create_pzone(const Exported& call) {
 }
 
 int64_t Model::stats_for_pzone(const Exported& call) {
-  if (call.arguments[1] == 0 || call.at(0) < 0) {
+  if (call.arguments[1] == 0) {
+    return refuse();
+  }
+  _words.assign(5, kUntouched);
+  if (call.at(0) < 0) {
     return refuse();
   }
   const size_t zone = call.arguments[0] & 0xff;
   if (zone >= physical.zones.zones.size()) {
-    _words.assign(3, 0);
+    std::fill_n(_words.begin(), 3, 0);
     return refuse();
   }
   _words = zone_stats(zone);
@@ -700,11 +754,16 @@ std::array<uint64_t, 11> Model::usage_of(size_t index) const {
   return record;
 }
 
-std::vector<uint64_t> Model::account_usage() const {
-  std::vector<uint64_t> words = {8, 0};
+std::vector<uint64_t> Model::account_usage(uint64_t said_bytes) const {
+  std::vector<uint64_t> words(kUsageBufferWords, kUntouched);
+  std::memset(words.data(), 0, said_bytes);
+  words[0] = 8;
+  words[1] = 0;
   for (size_t account = 0; account < kAccounts; ++account) {
-    const auto record = physical.accounts[account].has_value() ? usage_of(account) : std::array<uint64_t, 11>{};
-    words.insert(words.end(), record.begin(), record.end());
+    if (physical.accounts[account].has_value()) {
+      const auto record = usage_of(account);
+      std::copy(record.begin(), record.end(), words.begin() + 2 + static_cast<long>(11 * account));
+    }
   }
   return words;
 }

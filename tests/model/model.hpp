@@ -24,7 +24,7 @@ struct Exported {
 
 std::string to_text(const Exported& call);
 
-// What a call answers. errno counts only when it failed.
+// What a call answers. errno is 0 where it means nothing.
 struct Answer {
   int64_t result = 0;
   int error = 0;
@@ -32,6 +32,17 @@ struct Answer {
 };
 
 bool is_failure(const Exported& call, int64_t result);
+
+// errno has a meaning after the call: it failed, or memory was to grow, which leaves 0 or the reason why it ended early.
+bool tells_errno(const Exported& call, int64_t result);
+
+inline constexpr uint64_t kUntouched = 0x5555555555555555;  // each word of a buffer before the call
+inline constexpr uint64_t kUsageBytes = 720;
+inline constexpr size_t kUsageBufferWords = 128;  // more than the call writes
+inline constexpr int kNoProcess = INT32_MAX;      // an id that no process has
+
+// Configurations for a second start.
+enum SecondStart : uint64_t { kNothing, kGoodStub, kBothHugePages, kDeafStub };
 
 // The library's constant answers, in the order in which Op::Constant numbers them.
 struct Constant {
@@ -64,13 +75,15 @@ class Model {
   Physical physical;
   FixedAddresses fixed;
   std::vector<std::unique_ptr<Space>> spaces;  // null once unregistered
+  uint64_t pages_lost_in_caches = 0;           // of spaces that were unregistered
   bool is_closed = false;                      // all memory was given back: nothing more can be asked
 
   // Statistics, as the library's records have them.
   std::vector<uint64_t> pmem_stats() const;
   std::vector<uint64_t> zone_stats(size_t zone) const;
   std::vector<uint64_t> space_stats(size_t space) const;
-  std::vector<uint64_t> account_usage() const;
+  // In a buffer that the caller says to have so many bytes.
+  std::vector<uint64_t> account_usage(uint64_t said_bytes = kUsageBytes) const;
   uint64_t internal_usage(const ObjectSizes& sizes) const;
 
  private:
@@ -120,6 +133,7 @@ class Model {
   int64_t reset_pzone(const Exported& call);
   int64_t uncommit_all();
   int64_t report_stats();
+  int64_t initialize_again(const Exported& call);
 
   int64_t mapping_refusal(uint64_t length, int64_t account, uint64_t flags);
   void unmap_reservation(uint64_t address, uint64_t length);

@@ -233,7 +233,7 @@ long Zones::fund(uint64_t count, uint64_t& funded, uint64_t& advanced) {
 bool Zones::is_initially_funded(int64_t page) {
   const uint8_t zone = _pages.at(page).zone;
   if (!is_known(zone)) {
-    throw Unlawful{};
+    die_manager("Zone id larger than configured number of zones");
   }
   return zones[zone]->is_initially_funded(page);
 }
@@ -278,6 +278,19 @@ uint64_t Zones::not_committed() const {
     left -= std::min(left, zone->watermark);
   }
   return left;
+}
+
+bool Zones::has_funded_what_was_given_back() const {
+  for (const auto& zone : zones) {
+    for (const Ranges::Block& block : zone->list->defunded_list.blocks()) {
+      for (uint64_t page = block.start; page < block.end; ++page) {
+        if (_pages.at(static_cast<int64_t>(page)).is_funded()) {
+          return true;
+        }
+      }
+    }
+  }
+  return false;
 }
 
 // A first pass gives every zone a share in proportion to what it can do. An empty pool leaves it out.
@@ -745,7 +758,7 @@ void Physical::populate(uint64_t address, int64_t page, uint64_t count, bool onl
       throw Stuck{};
     }
     if (!system.is_readable(address + (i << kPageShift))) {
-      throw Unlawful{};
+      throw Death{.unit = {}, .message = {}, .is_fault = true};
     }
     add_populated(at, 1);
   }

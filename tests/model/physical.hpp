@@ -228,8 +228,10 @@ class Zones {
   uint64_t free_pages() const;
   uint64_t defunded_pages() const;
   uint64_t not_committed() const;
+  bool has_funded_what_was_given_back() const;  // a prefill came too late
 
   std::vector<std::unique_ptr<Zone>> zones;
+  uint64_t budget() const { return _budget; }  // pages still to be committed for zones that are created
 
  private:
   long prefund(Zone& zone, uint64_t initial, uint64_t& prefunded);

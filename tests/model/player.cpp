@@ -20,8 +20,8 @@ using oxtest::Faults;
 namespace real = oxtest::real;
 
 constexpr int kErrnoBefore = 113;         // no call of the library sets it
-constexpr uint64_t kFiguresEvery = 1;     // calls between comparisons of the statistics
-constexpr uint64_t kAddressesEvery = 16;  // of all pages and addresses
+constexpr unsigned kIgnored = 0x5eed;     // for arguments that count for nothing
+constexpr uint64_t kAddressesEvery = 16;  // calls between comparisons of all pages and addresses
 constexpr uint64_t kInvariantsEvery = 256;
 
 // Stands between the library and the system while a call is under way: writes down what is asked, lets planned requests
@@ -56,9 +56,9 @@ class Recorder {
   }
   void end() { is_on = false; }
 
- private:
   static void take_log_line(ox_pliv_log_level_t level, const char* message);
 
+ private:
   // Notes a request; true if it is planned to fail.
   bool fails(const Request& request) {
     if (!is_on) {
@@ -126,21 +126,31 @@ ox_pliv_configuration_t library_configuration(const Configuration& configuration
   return config;
 }
 
+// A buffer for a call that fills a record. What is written behind the record shows as a word more.
 template <typename Record>
-std::vector<uint64_t> words_of(const Record& record, size_t count = sizeof(Record) / 8) {
-  std::vector<uint64_t> words(count);
-  std::memcpy(words.data(), &record, count * 8);
-  return words;
-}
+class Buffer {
+ public:
+  Buffer() { std::memset(this, kUntouched & 0xff, sizeof *this); }
+
+  // Null if the caller passes none.
+  Record* wanted(uint64_t pointer) { return pointer == 0 ? nullptr : &_record; }
+
+  std::vector<uint64_t> words(uint64_t pointer) const {
+    std::vector<uint64_t> words(sizeof *this / 8);
+    std::memcpy(words.data(), this, sizeof *this);
+    if (words.back() == kUntouched) {
+      words.pop_back();
+    }
+    return pointer == 0 ? std::vector<uint64_t>() : words;
+  }
+
+ private:
+  Record _record;
+  uint64_t _beyond;
+};
 
 void* as_pointer(uint64_t value) {
   return reinterpret_cast<void*>(value);
-}
-
-// A buffer for a call that fills a record, or null if the caller passes none.
-template <typename Record>
-Record* wanted(Record& record, uint64_t pointer) {
-  return pointer == 0 ? nullptr : &record;
 }
 
 int64_t call_space(const Exported& call, std::vector<uint64_t>& words) {
@@ -167,9 +177,9 @@ int64_t call_space(const Exported& call, std::vector<uint64_t>& words) {
     case Op::PopulateChunk:
       return ox_populate_page_table_chunk_pliv(call.at(0), a[1]);
     case Op::Pretouch: {
-      uint64_t touched = 0;
-      const int64_t result = ox_pretouch_committed_pages_pliv(a[0], wanted(touched, a[1]));
-      words.assign(a[1] != 0 ? 1 : 0, touched);
+      Buffer<uint64_t> touched;
+      const int64_t result = ox_pretouch_committed_pages_pliv(a[0], touched.wanted(a[1]));
+      words = touched.words(a[1]);
       return result;
     }
     case Op::PzoneForAddress:
@@ -177,10 +187,9 @@ int64_t call_space(const Exported& call, std::vector<uint64_t>& words) {
     case Op::BackingOffset:
       return ox_get_backing_storage_offset_pliv(call.at(0), call.at(1));
     default: {
-      ox_pliv_space_stats_t stats;
-      std::memset(&stats, 0x55, sizeof stats);
-      const int64_t result = ox_get_stats_for_space_pliv(call.at(0), wanted(stats, a[1]));
-      words = a[1] != 0 ? words_of(stats) : words;
+      Buffer<ox_pliv_space_stats_t> stats;
+      const int64_t result = ox_get_stats_for_space_pliv(call.at(0), stats.wanted(a[1]));
+      words = stats.words(a[1]);
       return result;
     }
   }
@@ -208,36 +217,34 @@ int64_t call_account(const Exported& call, std::vector<uint64_t>& words) {
   const auto& a = call.arguments;
   switch (call.op) {
     case Op::SetMaximum:
-      return ox_pmem_set_account_maximum_pliv(0, a[1], a[2]);
+      return ox_pmem_set_account_maximum_pliv(kIgnored, a[1], a[2]);
     case Op::Fund:
-      return ox_pmem_fund_account_pliv(0, call.at(1), a[2]);
+      return ox_pmem_fund_account_pliv(kIgnored, call.at(1), a[2]);
     case Op::SetCredit:
-      return ox_pmem_set_accounts_to_credit_pliv(0, call.int_at(1), a[2]);
+      return ox_pmem_set_accounts_to_credit_pliv(kIgnored, call.int_at(1), a[2]);
     case Op::ResetAccount:
       return ox_pmem_reset_account_watermarks_pliv(static_cast<unsigned>(a[0]));
     case Op::PrefillChunk:
-      return ox_pmem_prefill_scrubbed_freelist_chunk_pliv(0, static_cast<unsigned>(a[1]));
+      return ox_pmem_prefill_scrubbed_freelist_chunk_pliv(kIgnored, static_cast<unsigned>(a[1]));
     case Op::Prefill:
-      return ox_pmem_prefill_scrubbed_freelist_pliv(0);
+      return ox_pmem_prefill_scrubbed_freelist_pliv(kIgnored);
     case Op::AccountUsage: {
-      ox_pliv_account_usage_buffer_t buffer;
-      std::memset(&buffer, 0x55, sizeof buffer);
-      uint64_t size = sizeof buffer;
-      const int64_t result = ox_pmem_get_account_usage_pliv(0, wanted(buffer, a[1]), wanted(size, a[2]));
-      words = result == 0 ? words_of(buffer) : words;
+      Buffer<std::array<uint64_t, kUsageBufferWords>> buffer;
+      const uint64_t size = a[3];
+      const int64_t result = ox_pmem_get_account_usage_pliv(kIgnored, buffer.wanted(a[1]), a[2] == 0 ? nullptr : &size);
+      words = result == 0 ? buffer.words(a[1]) : words;
       return result;
     }
     case Op::PeakCommitted: {
-      uint64_t bytes = 0;
-      const int64_t result = ox_pmem_get_peak_committed_pliv(wanted(bytes, a[0]), static_cast<unsigned>(a[1]));
-      words.assign(result == 0 ? 1 : 0, bytes);
+      Buffer<uint64_t> bytes;
+      const int64_t result = ox_pmem_get_peak_committed_pliv(bytes.wanted(a[0]), static_cast<unsigned>(a[1]));
+      words = bytes.words(a[0]);
       return result;
     }
     default: {
-      ox_pliv_fund_stats_buffer_t buffer;
-      std::memset(&buffer, 0x55, sizeof buffer);
-      const int64_t result = ox_pmem_get_fund_stats_pliv(wanted(buffer, a[0]), a[1]);
-      words = result == 0 ? words_of(buffer) : words;
+      Buffer<ox_pliv_fund_stats_buffer_t> buffer;
+      const int64_t result = ox_pmem_get_fund_stats_pliv(buffer.wanted(a[0]), a[1]);
+      words = buffer.words(a[0]);
       return result;
     }
   }
@@ -249,9 +256,9 @@ int64_t call_pages(const Exported& call, std::vector<uint64_t>& words) {
     case Op::CreatePzone:
       return ox_create_pzone_pliv(a[0], a[1], a[2], call.int_at(3));
     case Op::PzoneStats: {
-      ox_pliv_pzone_stats_t stats{};
-      const int64_t result = ox_get_stats_for_pzone_pliv(call.at(0), wanted(stats, a[1]));
-      words = a[1] == 0 || call.at(0) < 0 ? words : words_of(stats, result == 0 ? 5 : 3);
+      Buffer<ox_pliv_pzone_stats_t> stats;
+      const int64_t result = ox_get_stats_for_pzone_pliv(call.at(0), stats.wanted(a[1]));
+      words = stats.words(a[1]);
       return result;
     }
     case Op::ResetPzone:
@@ -265,20 +272,36 @@ int64_t call_pages(const Exported& call, std::vector<uint64_t>& words) {
   }
 }
 
+// A stub that does not notice that nothing can be read there.
+int32_t deaf_fetch(int32_t* /*address*/, int32_t error_value) {
+  return error_value + 1;
+}
+
+int64_t initialize_again(const Exported& call) {
+  ox_pliv_configuration_t config{};
+  config.use_explicit_huge_pages = config.use_transparent_huge_pages = call.arguments[1] == kBothHugePages ? 1 : 0;
+  config.safe_fetch32 = call.arguments[1] == kGoodStub   ? safe_fetch
+                        : call.arguments[1] == kDeafStub ? deaf_fetch
+                                                         : nullptr;
+  return ox_initialize_pliv(call.arguments[0] == 0 ? nullptr : &config);
+}
+
 int64_t call_whole(const Exported& call, std::vector<uint64_t>& words) {
   switch (call.op) {
     case Op::PmemStats: {
-      ox_pliv_pmem_stats_t stats{};
-      const int64_t result = ox_get_stats_for_pmem_pliv(wanted(stats, call.arguments[0]));
-      words = result == 0 ? words_of(stats) : words;
+      Buffer<ox_pliv_pmem_stats_t> stats;
+      const int64_t result = ox_get_stats_for_pmem_pliv(stats.wanted(call.arguments[0]));
+      words = stats.words(call.arguments[0]);
       return result;
     }
     case Op::ReportStats:
       return ox_report_stats_pliv();
-    case Op::InitializeAgain: {
-      ox_pliv_configuration_t config{};
-      return ox_initialize_pliv(wanted(config, call.arguments[0]));
-    }
+    case Op::InitializeAgain:
+      return initialize_again(call);
+    case Op::SetLog:
+      ox_set_log_callback_pliv(call.arguments[0] == 0 ? nullptr : &Recorder::take_log_line,
+                               static_cast<ox_pliv_log_level_t>(call.int_at(1)));
+      return 0;
     default:
       return constants()[call.arguments[0] % constants().size()].call();
   }
@@ -309,6 +332,10 @@ std::string text_of(int64_t value) {
 
 std::string text_of(uint64_t value) {
   return text_of(static_cast<int64_t>(value));
+}
+
+std::string text_of(bool value) {
+  return value ? "yes" : "no";
 }
 
 std::string text_of(int value) {
@@ -346,6 +373,9 @@ std::string said(const Function& text) {
   return text();
 }
 
+// What is to be done when the library reports that it ends the process: the callback has no room for an object.
+std::function<void(const char*, int32_t, const char*)> last_word;
+
 void reserve_in_process(uint64_t address, uint64_t length) {
   real::mmap64(as_pointer(address), length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
 }
@@ -357,7 +387,7 @@ Answer call_library(const Exported& call, int errno_before) {
   errno = errno_before;
   answer.result = call_exported(call, answer.words);
   const int error = errno;
-  answer.error = is_failure(call, answer.result) ? error : 0;
+  answer.error = tells_errno(call, answer.result) ? error : 0;
   return answer;
 }
 
@@ -399,6 +429,7 @@ Ending Player::play(const std::vector<Call>& calls) {
     if (ending != Ending::Complete || _model.is_closed) {
       return ending;
     }
+    ++_played;
   }
   compare_pages();
   compare_addresses();
@@ -441,15 +472,18 @@ Ending Player::make(const Exported& call) {
   const Answer of_library = call_library(call, kErrnoBefore);
   recorder().end();
   _hooks.after(call, of_library.result);
-  compare_answers(call, of_model, of_library);
-  if (!_difference.empty() || _model.is_closed) {
+  compare_answers(of_model, of_library);
+  if (!_difference.empty()) {
+    return ending();
+  }
+  if (_model.is_closed) {
+    compare_figures();
+    compare_addresses();
     return ending();
   }
   note_what_is_allowed(call, of_model);
   _world.note(call, of_model.result);
-  if (_calls % kFiguresEvery == 0) {
-    compare_figures();
-  }
+  compare_figures();
   if (_calls % kAddressesEvery == 0) {
     compare_pages();
     compare_addresses();
@@ -464,6 +498,13 @@ Ending Player::die(const Exported& call, const Death& death) {
   if (!_hooks.death(call, death)) {
     return Ending::Died;
   }
+  last_word = [this, &death](const char* unit, int32_t line, const char* message) {
+    take_last_words(death, unit, line, message);
+  };
+  ox_set_report_and_die_callback_pliv([](const char* unit, int32_t line, const char* message) {
+    last_word(unit, line, message);
+    return true;
+  });
   recorder().begin();
   const Answer answer = call_library(call, kErrnoBefore);
   recorder().end();
@@ -472,17 +513,30 @@ Ending Player::die(const Exported& call, const Death& death) {
   return Ending::Difference;
 }
 
-void Player::compare_answers(const Exported& call, const Answer& model, const Answer& library) {
-  expect("result", model.result, library.result);
-  if (is_failure(call, model.result)) {
-    expect("errno", model.error, library.error);
-  }
-  expect("words written", model.words, library.words);
+// The library has told its callback why it ends the process, which is all that it may do now.
+void Player::take_last_words(const Death& death, const char* unit, int32_t line, const char* message) {
+  recorder().end();
+  expect("unit that reports", death.unit, std::string(unit));
+  expect("message", death.message, std::string(message));
+  expect("whether there is a line", true, line > 0);
+  compare_deeds();
+  _hooks.last_words(_difference);
+}
+
+// What the call logged and asked the system.
+void Player::compare_deeds() {
   expect("log", _model.system.log, recorder().log);
   expect("requests to the system", _model.system.requests, recorder().requests);
   for (size_t i = 0; i < kSystemCalls; ++i) {
     expect("planned failures left", _model.system.plans[i], recorder().plans[i]);
   }
+}
+
+void Player::compare_answers(const Answer& model, const Answer& library) {
+  expect("result", model.result, library.result);
+  expect("errno", model.error, library.error);
+  expect("words written", model.words, library.words);
+  compare_deeds();
 }
 
 void Player::compare_figures() {
@@ -504,7 +558,7 @@ void Player::compare_figures() {
   }
   try {
     const std::vector<uint64_t> usage = _model.account_usage();
-    expect("account usage", usage, ask(Op::AccountUsage, {0, 1, 1}));
+    expect("account usage", usage, ask(Op::AccountUsage, {0, 1, 1, kUsageBytes}));
   } catch (const Death&) {
     // A cache holds what account 2 has not paid for: the library must not be asked.
   }
@@ -568,34 +622,60 @@ void Player::compare_address(int64_t space, uint64_t address) {
 void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
   const bool failed = is_failure(call, answer.result);
   switch (call.op) {
+    case Op::MmapWithinSpace:
+      _allowing.drifted_references = _allowing.drifted_references || (!failed && _world.leaves_aliases_out(call.at(0)));
+      break;
     case Op::MultimapWithin:
+      _is_populated_beyond = true;
+      _allowing.drifted_references = true;    // an identity mapping lies over others
+      _allowing.partly_mapped_blocks = true;  // also over those of blocks
+      break;
     case Op::MultimapBetween:
       _is_populated_beyond = true;
-      _allowing.drifted_references = true;  // an identity mapping over others, or a block at another alias than before
-      _is_lawful = _is_lawful && (failed || (call.op == Op::MultimapBetween && _world.knows(call)));
+      _allowing.drifted_references = true;  // a block at another alias than the one before
+      // In a premapped region anything passes for a block until it turns out to be none.
+      _is_lawful = _is_lawful && (_world.knows(call) || (failed && !_world.is_premapped(call)));
       break;
     case Op::Mmap:
       _allowing.drifted_references = true;
       break;
     case Op::UnregisterSpace:
       _allowing.abandoned_spaces = true;
+      _allowing.pages_lost_in_caches = _model.pages_lost_in_caches;
       [[fallthrough]];
     case Op::MunmapAliases:
       _allowing.drifted_references = true;
       _allowing.partly_mapped_blocks = true;
       break;
+    case Op::Mreserve:
+      _allowing.pages_tracked_in_vain = _model.fixed.pages_tracked_in_vain();
+      break;
+    case Op::Munreserve:
+      _is_lawful = _is_lawful && (failed || !_model.fixed.is_any_allocated(call.arguments[0], call.arguments[1]));
+      break;
     case Op::RefreshFree:
       _allowing.locked_pages = true;
       break;
     case Op::CreatePzone:
+      _is_lawful = _is_lawful && (failed ? !_world.is_refused_late(call) : call.arguments[1] <= call.arguments[2]);
+      break;
     case Op::RegisterAlias:
-      _is_lawful = _is_lawful && !failed && call.arguments[1] <= call.arguments[2] && _world.blocks().empty();
+      if (_world.is_registered_late(call)) {
+        _allowing.drifted_references = true;
+        _is_lawful = _is_lawful && !_world.has_blocks(call.at(0));
+      }
+      _is_lawful = _is_lawful && (!failed || !_world.is_left_unmapped(call));
       break;
     case Op::RegisterSpace:
       _allowing.abandoned_spaces = _allowing.abandoned_spaces || failed;
       break;
+    case Op::PrefillChunk:
+    case Op::Prefill:
+      _is_lawful = _is_lawful && !_model.physical.zones.has_funded_what_was_given_back();
+      break;
     case Op::MunmapFromSpace:
-      _is_lawful = _is_lawful && (failed || _world.knows(call));
+      // A wrong length within the premapped region: the first pages lose their block before the last are refused.
+      _is_lawful = _is_lawful && (_world.knows(call) || (failed && !_world.is_premapped(call)));
       break;
     default:
       break;
@@ -605,13 +685,12 @@ void Player::note_what_is_allowed(const Exported& call, const Answer& answer) {
     const bool fired = _model.system.fired[i] != 0;
     if (fired && planned == SystemCall::Commit) {
       _allowing.overlapping_ranges = true;
-      _allowing.commits_outside_zones = true;
+      _allowing.commits_outside_zones = _model.system.has_failed_oddly || _allowing.locked_pages;
     }
     if (fired && planned == SystemCall::Map) {
       _allowing.drifted_references = true;
       _allowing.partly_mapped_blocks = true;
     }
-    _is_lawful = _is_lawful && (!fired || (planned != SystemCall::Punch && planned != SystemCall::Unmap));
   }
 }
 
@@ -648,6 +727,7 @@ void Player::compare_memory() {
 
 void Player::compare_invariants() {
   if (_is_lawful) {
+    ++_checks;
     expect("broken invariants", std::string(), oxtest::broken_invariants(_allowing));
   }
 }

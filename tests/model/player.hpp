@@ -20,6 +20,8 @@ class Player {
     std::function<void(const Exported&, int64_t)> after = [](const Exported&, int64_t) {};
     // The next library call must end the process. False: do not make it.
     std::function<bool(const Exported&, const Death&)> death = [](const Exported&, const Death&) { return false; };
+    // It is about to, and has told its callback; what was wrong until then.
+    std::function<void(const std::string&)> last_words = [](const std::string&) {};
   };
 
   Player(const Configuration& configuration, const ObjectSizes& sizes, Hooks hooks);
@@ -34,13 +36,19 @@ class Player {
 
   const std::string& difference() const { return _difference; }
   uint64_t calls() const { return _calls; }
+  // Of the calls that were to be played, those that are over.
+  size_t played() const { return _played; }
+  // How often the checker of invariants was asked.
+  uint64_t checks() const { return _checks; }
 
  private:
   Ending step(const Call& call);
   void plan_fault(const Call& call);
   Ending make(const Exported& call);
   Ending die(const Exported& call, const Death& death);
-  void compare_answers(const Exported& call, const Answer& model, const Answer& library);
+  void take_last_words(const Death& death, const char* unit, int32_t line, const char* message);
+  void compare_deeds();
+  void compare_answers(const Answer& model, const Answer& library);
   void compare_figures();
   void compare_pages();
   void compare_addresses();
@@ -61,6 +69,8 @@ class Player {
   World _world;
   std::string _difference;
   uint64_t _calls = 0;
+  size_t _played = 0;
+  uint64_t _checks = 0;
   oxtest::Allowing _allowing;
   bool _is_populated_beyond = false;  // the system was told to fill pages that were not committed
   bool _is_lawful = true;             // so far nothing was done that the checker of invariants takes for damage

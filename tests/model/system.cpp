@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <sstream>
 
@@ -35,10 +36,21 @@ void System::begin(int errno_value) {
   error = errno_value;
 }
 
+void System::say(int level, std::string message) {
+  if (level <= _most_verbose) {
+    log.push_back({level, std::move(message)});
+  }
+}
+
+void System::listen(bool is_heard, int level) {
+  _most_verbose = is_heard ? std::clamp(level, 0, 5) : -1;
+}
+
 bool System::fails(SystemCall call) {
   const int planned = plans[static_cast<size_t>(call)].take();
   if (planned != 0) {
     ++fired[static_cast<size_t>(call)];
+    has_failed_oddly = has_failed_oddly || (call == SystemCall::Commit && planned != ENOMEM && planned != ENOSPC);
     error = planned;
   }
   return planned != 0;

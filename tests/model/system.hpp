@@ -16,17 +16,17 @@ inline constexpr uint64_t kPage = uint64_t{1} << kPageShift;
 inline constexpr uint64_t kSmallPage = 4096;
 inline constexpr uint64_t kNone = ~uint64_t{0};  // what -1 is as an address, an offset or a limit
 
-// The library must end the process.
+// The library must end the process, with a message, or by the signal of a fault.
 struct Death {
   std::string unit;
   std::string message;
+  bool is_fault = false;
 };
 
 // The library would wait forever: for a page that a refresh left locked.
 struct Stuck {};
 
-// The caller breaks the contract in a way that nothing promises an answer to: memory that isn't there is touched, or a
-// page that lies in no zone is asked for its zone.
+// The caller breaks the contract in a way that nothing promises an answer to.
 struct Unlawful {};
 
 enum class SystemCall : uint8_t { Commit, Punch, Map, Unmap, Truncate, kCount };
@@ -83,13 +83,16 @@ class System {
   int error = 0;  // errno
 
   FaultPlan plans[kSystemCalls];
-  int fired[kSystemCalls] = {};  // failures so far
-  std::set<uint64_t> committed;  // pages of the file that hold memory because they were asked to
+  int fired[kSystemCalls] = {};   // failures so far
+  bool has_failed_oddly = false;  // a commit, for another reason than a lack of memory
+  std::set<uint64_t> committed;   // pages of the file that hold memory because they were asked to
 
   // A call begins: errno is as the caller has it.
   void begin(int errno_value);
 
-  void say(int level, std::string message) { log.push_back({level, std::move(message)}); }
+  // Lines above the level are not told; none at all where nobody listens.
+  void say(int level, std::string message);
+  void listen(bool is_heard, int level);
 
   // Fails the operation: sets errno, answers -1.
   long fail(int errno_value) {
@@ -121,6 +124,7 @@ class System {
 
  private:
   bool fails(SystemCall call);
+  int _most_verbose = 5;
   void put(uint64_t address, uint64_t length, int protection, uint64_t offset);
   void remove(uint64_t address, uint64_t length);
 

@@ -825,11 +825,11 @@ long Space::unregister() {
 long FixedAddresses::track(uint64_t address, uint64_t length) {
   const uint64_t first = address >> kPageShift;
   const uint64_t pages = length >> kPageShift;
+  tracked_bytes += pages * kTrackedBytes;  // before it is known whether they can be tracked
   for (uint64_t page = first; page < first + pages; ++page) {
     if (!_records.emplace(page, Record{}).second) {
       return _system.fail(EFAULT);
     }
-    tracked_bytes += 16;
   }
   return 0;
 }
@@ -846,6 +846,12 @@ bool FixedAddresses::all(uint64_t first, uint64_t pages, bool allocated) const {
 
 bool FixedAddresses::is_allocated(uint64_t address) const {
   return all(address >> kPageShift, 1, true);
+}
+
+bool FixedAddresses::is_any_allocated(uint64_t address, uint64_t length) const {
+  const auto end = _records.lower_bound((address + length) >> kPageShift);
+  return std::any_of(_records.lower_bound(address >> kPageShift), end,
+                     [](const auto& entry) { return entry.second.allocated; });
 }
 
 std::vector<uint64_t> FixedAddresses::allocated() const {

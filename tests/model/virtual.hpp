@@ -176,11 +176,15 @@ class FixedAddresses {
   int64_t offset_behind(uint64_t address);
 
   bool is_allocated(uint64_t address) const;
+  bool is_any_allocated(uint64_t address, uint64_t length) const;
   std::vector<uint64_t> allocated() const;  // addresses
 
   uint64_t tracked_bytes = 0;
+  uint64_t pages_tracked_in_vain() const { return tracked_bytes / kTrackedBytes - _records.size(); }
 
  private:
+  static constexpr uint64_t kTrackedBytes = 16;
+
   struct Record {
     bool allocated = false;
     int64_t page = kNoPage;

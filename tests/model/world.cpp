@@ -1,6 +1,7 @@
 #include "world.hpp"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -73,6 +74,20 @@ Exported exported(Op op, std::initializer_list<uint64_t> arguments) {
   return call;
 }
 
+// A process: this one under each of its names, or none.
+uint64_t process(uint8_t byte) {
+  return byte >= 128  ? ~uint64_t{0}
+         : byte >= 96 ? static_cast<uint64_t>(getpid())
+         : byte >= 88 ? static_cast<uint64_t>(kNoProcess)
+                      : 0;
+}
+
+// What the caller says of the size of a buffer, which is not compared with what is written.
+uint64_t buffer_bytes(uint8_t byte) {
+  constexpr std::array<uint64_t, 8> kOdd = {0, 1, 8, 16, 100, 719, 721, 1000};
+  return byte < 200 ? kUsageBytes : kOdd[byte % kOdd.size()];
+}
+
 uint64_t pointer(uint8_t byte) {
   return byte >= 240 ? 0 : 1;  // whether the caller passes one
 }
@@ -121,12 +136,19 @@ bool World::is_harmless(const Exported& call) const {
       return space == nullptr || !space->caches_for(call.int_at(3)) ||
              static_cast<int64_t>(a[2] >> kPageShift) <= space->cache->largest();
     }
+    case Op::Munreserve:
+      return !_model.fixed.is_any_allocated(a[0], a[1]);
+    case Op::RegisterAlias:
+      return !is_registered_late(call) || !has_blocks(call.at(0));
     case Op::MunmapAliases: {
       const Space* space = known_space(call.at(0));
       return space == nullptr || space->premapped_size < space->size;
     }
     case Op::CreatePzone:
-      return (a[0] + a[1]) >> kPageShift <= _model.physical.pages.count();
+      return (a[0] + a[1]) >> kPageShift <= _model.physical.pages.count() &&
+             (_model.physical.zones.budget() == 0 || _model.physical.account(kFundingAccount) != nullptr);
+    case Op::InitializeAgain:
+      return a[1] != kDeafStub;
     case Op::IsFunded:
       return call.at(0) >> kPageShift < static_cast<int64_t>(_model.physical.pages.count());
     default:
@@ -195,7 +217,8 @@ std::optional<Exported> World::resolve_fixed_call(const Call& call) {
     case Op::Mprotect:
       return mprotect(a);
     default:
-      return exported(call.op, {a[2] >= 128 ? ~uint64_t{0} : 0, somewhere(a[0], a[1]), a[2] >= 250 ? 1u : 0u});
+      return exported(call.op,
+                      {process(a[2]), somewhere(a[0], a[1]) + a[3] % 4u * (kPage / 4) + a[3], a[2] >= 250 ? 1u : 0u});
   }
 }
 
@@ -216,11 +239,11 @@ std::optional<Exported> World::resolve_account_call(const Call& call) {
     case Op::Prefill:
       return exported(call.op, {0});
     case Op::AccountUsage:
-      return exported(call.op, {0, pointer(a[0]), pointer(a[1])});
+      return exported(call.op, {0, pointer(a[0]), pointer(a[1]), buffer_bytes(a[2])});
     case Op::PeakCommitted:
       return exported(call.op, {pointer(a[1]), account & 0xffffffff});
     default:
-      return exported(call.op, {pointer(a[0]), a[1] >= 240 ? 0u : 216u});
+      return exported(call.op, {pointer(a[0]), a[1] >= 240 ? 0u : a[1] >= 200 ? a[1] : 216u});
   }
 }
 
@@ -242,8 +265,11 @@ std::optional<Exported> World::resolve_page_call(const Call& call) {
     case Op::UncommitAll:
       return a[0] % 8 == 0 ? std::optional(exported(call.op, {})) : std::nullopt;
     case Op::PmemStats:
-    case Op::InitializeAgain:
       return exported(call.op, {pointer(a[0])});
+    case Op::InitializeAgain:
+      return exported(call.op, {pointer(a[0]), a[1] >= 240 ? uint64_t{kDeafStub} : a[1] % 3u});
+    case Op::SetLog:  // most of the time all is told
+      return exported(call.op, {a[0] < 64 ? 0u : 1u, a[0] >= 128 ? 5u : a[1] % 8u});
     case Op::ReportStats:
       return exported(call.op, {});
     default:
@@ -491,7 +517,8 @@ Exported World::mreserve(const Bytes& a) {
   uint64_t length = bytes(pages);
   uint64_t at = address;
   if (a[3] >= 244) {
-    flags = a[3] % 2 == 0 ? 1 : 0x1000;
+    constexpr std::array<uint64_t, 4> kOdd = {1, 0x1000, 0x8001000, 0x80000000};
+    flags = kOdd[a[3] % kOdd.size()];
   }
   if (a[3] >= 232 && a[3] < 244) {
     constexpr std::array<uint64_t, 3> kOdd = {0, kPage / 2, kPage + 1};
@@ -567,7 +594,7 @@ std::optional<Exported> World::mprotect(const Bytes& a) {
 
 Exported World::fund(const Bytes& a) {
   const uint64_t index = a[0] >= 250      ? odd_account(a[0])
-                         : a[2] % 8u == 6 ? a[0] % 8u
+                         : a[2] % 8u >= 6 ? a[0] % 8u
                                           : unsigned_of(existing_account(a[0]));
   const uint64_t partial = (a[2] & 0x40) != 0 && a[2] < 248 ? uint64_t{1} << 63 : 0;
   const Account* account = _model.physical.account(static_cast<int64_t>(index));
@@ -649,6 +676,43 @@ std::vector<Block>::const_iterator World::find(const Exported& call) const {
   return std::find_if(_blocks.begin(), _blocks.end(), [&](const Block& block) {
     return block.space == call.at(0) && block.bytes == call.arguments[2] && block.offset == offset;
   });
+}
+
+bool World::is_refused_late(const Exported& call) const {
+  const auto& zones = _model.physical.zones.zones;
+  const uint64_t first = call.arguments[0] >> kPageShift;
+  const uint64_t end = first + (call.arguments[2] >> kPageShift);
+  return first < end && end <= _model.physical.pages.count() && zones.size() < 255;
+}
+
+bool World::is_registered_late(const Exported& call) const {
+  const Space* known = known_space(call.at(0));
+  return known != nullptr && known->map_all && known->manager.counters.watermark != -1;
+}
+
+bool World::is_left_unmapped(const Exported& call) const {
+  const Space* known = known_space(call.at(0));
+  return known != nullptr && known->premapped_size > 0 && !known->aliases.empty() &&
+         known->aliases.back().base == call.arguments[1];
+}
+
+bool World::has_blocks(int64_t space) const {
+  const Space* known = known_space(space);
+  return (known != nullptr && known->cache.has_value() && known->cache->cached > 0) ||
+         std::any_of(_blocks.begin(), _blocks.end(), [space](const Block& block) { return block.space == space; });
+}
+
+bool World::leaves_aliases_out(int64_t space) const {
+  const Space* known = known_space(space);
+  return known != nullptr && known->aliases.size() > 1 &&
+         (!known->map_all || std::any_of(known->aliases.begin(), known->aliases.end(),
+                                         [](const Alias& alias) { return !alias.maps_blocks; }));
+}
+
+bool World::is_premapped(const Exported& call) const {
+  const Space* known = known_space(call.at(0));
+  return known != nullptr && known->alias_of(call.arguments[1]) != nullptr &&
+         offset_in(call.at(0), call.arguments[1]) < known->premapped_size;
 }
 
 bool World::knows(const Exported& call) const {

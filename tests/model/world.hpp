@@ -43,8 +43,23 @@ class World {
 
   const std::vector<Block>& blocks() const { return _blocks; }
 
+  // What is true of a call once it has been made. A zone: its pages were looked at and found to be another's. An alias:
+  // the space shows its blocks everywhere and has had some before, or the region before the blocks could not be mapped.
+  bool is_refused_late(const Exported& call) const;
+  bool is_registered_late(const Exported& call) const;
+  bool is_left_unmapped(const Exported& call) const;
+
+  // Whether blocks of the space live, or are kept in its cache.
+  bool has_blocks(int64_t space) const;
+
+  // Whether blocks of the space may come to lie at other aliases than the blocks before them.
+  bool leaves_aliases_out(int64_t space) const;
+
   // Whether the call names a live block exactly (MunmapFromSpace, MultimapBetween).
   bool knows(const Exported& call) const;
+
+  // Whether its address lies in the premapped region (MunmapFromSpace).
+  bool is_premapped(const Exported& call) const;
 
  private:
   using Bytes = std::array<uint8_t, 4>;

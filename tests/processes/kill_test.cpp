@@ -285,6 +285,7 @@ INSTANTIATE_TEST_SUITE_P(
                          .mount_options = "size=96m,huge=advise",
                          .transparent = true},
                     Mode{.name = "HugeMemoryFile", .explicit_pages = true},
+                    Mode{.name = "DevHugepages", .directory = "/dev/hugepages", .explicit_pages = true},
                     Mode{.name = "HugeMount",
                          .mount_type = "hugetlbfs",
                          .mount_options = "pagesize=2M,size=96M",

@@ -93,6 +93,7 @@ constexpr bool kHandlersAreWatched = std::string_view(OXPLIV_SANITIZE).find("thr
 
 // A handler that counts and spoils errno, as a careless one does. System calls that it interrupts are not restarted.
 std::atomic<int> handled{0};
+std::atomic<int> handled_of[65];                      // by signal
 thread_local volatile sig_atomic_t handled_here = 0;  // by this thread
 
 void count_and_spoil(int) {
@@ -106,6 +107,7 @@ void count_and_spoil(int) {
 // One that keeps errno: what runs between a system call and the look at its errno has to.
 void count_alone(int signal) {
   const int kept = errno;
+  ++handled_of[signal];
   count_and_spoil(signal);
   errno = kept;
 }
@@ -392,14 +394,18 @@ TEST_F(Masks, OfOtherThreads_AreTheirOwnDuringACommit) {
 
 // ---- Storms --------------------------------------------------------------------------------------------------------
 
-// Signals at one thread as fast as another can send them, and SIGALRM besides from the kernel's clock.
+// Signals at one thread as fast as another can send them, and besides from the kernel's clocks: the timers of an alarm
+// and of a profiler, and one of the thread's own.
 class SignalStorm {
  public:
   explicit SignalStorm(pthread_t target) {
-    install(SIGUSR1, count_alone);
-    install(SIGALRM, count_alone);
+    for (const int signal : kSignals) {
+      install(signal, count_alone);
+    }
     const itimerval often{{0, 100}, {0, 100}};
     setitimer(ITIMER_REAL, &often, nullptr);
+    setitimer(ITIMER_PROF, &often, nullptr);
+    start_timer();
     _sender = std::thread([this, target] {
       sigset_t none;
       sigfillset(&none);
@@ -416,21 +422,39 @@ class SignalStorm {
   ~SignalStorm() {
     const itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
+    setitimer(ITIMER_PROF, &never, nullptr);
+    timer_delete(_timer);
     _over = true;
     _sender.join();
   }
+
+  static inline const int kSignals[] = {SIGUSR1, SIGALRM, SIGPROF, SIGRTMIN};
 
   SignalStorm(const SignalStorm&) = delete;
   SignalStorm& operator=(const SignalStorm&) = delete;
 
  private:
+  // Of the thread that makes the storm, as samplers of single threads use it.
+  void start_timer() {
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGRTMIN;
+    event._sigev_un._tid = gettid();
+    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &_timer), 0);
+    const itimerspec often{{0, 300'000}, {0, 300'000}};
+    ASSERT_EQ(timer_settime(_timer, 0, &often, nullptr), 0);
+  }
+
   std::atomic<bool> _over{false};
+  timer_t _timer{};
   std::thread _sender;
 };
 
 struct Kind {
   const char* name;
+  const char* mount_options = nullptr;  // of a tmpfs
   bool explicit_pages = false;
+  bool transparent = false;  // and taken aggressively: commits touch
   bool named = false;
 };
 
@@ -440,6 +464,11 @@ void PrintTo(const Kind& kind, std::ostream* out) {
 
 class Storms : public testing::TestWithParam<Kind> {
  protected:
+  static bool has_transparent_pages() {
+    const auto enabled = oxtest::Knob::read("/sys/kernel/mm/transparent_hugepage/enabled");
+    return enabled.has_value() && enabled->find("[never]") == std::string::npos;
+  }
+
   // Not every kernel lets a signal interrupt a file's growing or the allocation of its blocks. What those do that let
   // it: EINTR when a handler ran meanwhile.
   static int interrupted_by_then() {
@@ -450,6 +479,10 @@ class Storms : public testing::TestWithParam<Kind> {
     return handled_here == before ? 0 : EINTR;
   }
 
+  static constexpr uint64_t kInitial = 36;
+  static constexpr uint64_t kMaximum = 60;
+  static constexpr long kPool = kMaximum + 4;
+
   // Every call of a host's life succeeds, and leaves the mask alone.
   static void live(const char* path, int rounds) {
     const auto mask = mask_now();
@@ -457,33 +490,53 @@ class Storms : public testing::TestWithParam<Kind> {
       ASSERT_EQ(result, expected) << call << ": " << strerror(errno);
       ASSERT_EQ(mask_now(), mask) << call;
     };
-    auto config = oxiface::configuration(16, 48);
-    config.prefund = 0;
+    auto config = oxiface::configuration(kInitial, kMaximum);
+    config.prefund = 0;  // 32 pages are committed, whatever is asked for
     config.backing_storage_path = path;
     config.use_explicit_huge_pages = GetParam().explicit_pages ? 1 : 0;
+    config.use_transparent_huge_pages = config.aggressively_acquire_thp = GetParam().transparent ? 1 : 0;
     fine(ox().initialize(&config), 0, "start-up");
     fine(ox().pmem_using_explicit_huge_pages(), GetParam().explicit_pages ? 1 : 0, "mode");
-    fine(ox().pmem_set_account_maximum(kAny, 2, pages(48)), 0, "setting a maximum");
-    fine(ox().pmem_fund_account(kAny, 2, pages(16)), 0, "making an account");
-    fine(ox().create_pzone(0, pages(8), pages(24), 1), 0, "making a zone");
-    fine(ox().create_pzone(pages(24), pages(8), pages(24), 0), 1, "making a zone");
+    fine(ox().pmem_set_account_maximum(kAny, 2, pages(kMaximum)), 0, "setting a maximum");
+    fine(ox().pmem_fund_account(kAny, 2, pages(kInitial)), 0, "making an account");
+    fine(ox().create_pzone(0, pages(kInitial / 2), pages(kMaximum / 2), 1), 0, "making a zone");
+    fine(ox().create_pzone(pages(kMaximum / 2), pages(kInitial / 2), pages(kMaximum / 2), 0), 1, "making a zone");
     fine(ox().register_space(pages(64), pages(2), 0, oxiface::kMapAll), 0, "registering a space");
     for (int alias = 0; alias < 2; ++alias) {
       char* const base = oxiface::reserve(64);
       fine(ox().register_alias_for_space(0, base, oxiface::kReadWrite, oxiface::kMultiPage), alias, "an alias");
     }
+    std::vector<char*> all;  // the last of them are committed as they are handed out
+    for (uint64_t i = 0; i < kInitial - 2; ++i) {
+      const int64_t block = ox().mmap_within_space(0, 0, pages(1), 2, 0);
+      ASSERT_NE(block, -1) << strerror(errno);
+      all.push_back(reinterpret_cast<char*>(block));
+    }
+    for (char* const block : all) {
+      fine(ox().munmap_from_space(0, block, pages(1), 2, 0), 0, "freeing");
+    }
+    fine(ox().pmem_prefill_scrubbed_freelist_chunk(kAny, 1), kInitial - 33, "prefilling");
+    fine(ox().pmem_prefill_scrubbed_freelist(kAny), 0, "prefilling");
+    char* const fixed = oxiface::reserve_tracked(2);
     for (uint64_t round = 0; round < static_cast<uint64_t>(rounds); ++round) {
       fine(ox().pmem_fund_account(kAny, 2, pages(6)), 0, "growing");
+      fine(ox().mmap(fixed, pages(2), oxiface::kReadWrite, 2, 0), 0, "allocating at an address");
+      oxiface::stamp(fixed, 2, ~round);
       const int64_t block = ox().mmap_within_space(0, 0, pages(3), 2, 0);
       ASSERT_NE(block, -1) << strerror(errno);
       char* const memory = reinterpret_cast<char*>(block);
       oxiface::stamp(memory, 3, round);
       fine(ox().pmem_fund_account(kAny, kPartial | 2, minus_pages(6)), 6, "shrinking");
       ASSERT_TRUE(oxiface::is_stamped(memory, 3, round));
+      ASSERT_TRUE(oxiface::is_stamped(fixed, 2, ~round));
+      fine(ox().munmap(fixed, pages(2), 2, 0), 0, "freeing at an address");
       fine(ox().munmap_from_space(0, memory, pages(3), 2, 0), 0, "freeing");
+      ASSERT_GE(ox().pretouch_committed_pages(4, nullptr), 0);
+      ASSERT_EQ(mask_now(), mask) << "pretouching";
     }
-    EXPECT_EQ(account_words(2)[6], pages(16));
-    EXPECT_EQ(account_words(2)[0], pages(16));
+    EXPECT_EQ(account_words(2)[6], pages(kInitial));
+    EXPECT_EQ(account_words(2)[0], pages(kInitial));
+    fine(ox().refresh_free_memory(), static_cast<int64_t>(pages(kInitial)), "refreshing");
   }
 };
 
@@ -491,13 +544,17 @@ TEST_P(Storms, NoCallFailsAndHandlersRun) {
   if (kHandlersAreWatched) {
     GTEST_SKIP() << "under a storm the sanitizer itself leaves all signals blocked now and then, also without us";
   }
-  const HugePagePool pool(GetParam().explicit_pages ? 52 : 0);
-  if (GetParam().explicit_pages && (!pool.valid() || HugePagePool::free_pages() < 52)) {
+  const bool is_mounted = GetParam().mount_options != nullptr;
+  const HugePagePool pool(GetParam().explicit_pages ? kPool : 0);
+  if (GetParam().explicit_pages && (!pool.valid() || HugePagePool::free_pages() < kPool)) {
     GTEST_SKIP() << "the kernel gives no pool of huge pages";
   }
-  const TemporaryMount mounted("tmpfs", "size=128m");
-  if (GetParam().named && !mounted.valid()) {
-    GTEST_SKIP() << "tmpfs can't be mounted here";
+  const TemporaryMount mounted("tmpfs", is_mounted ? GetParam().mount_options : "size=1m");
+  if (is_mounted && !mounted.valid()) {
+    GTEST_SKIP() << "no tmpfs can be mounted here with " << GetParam().mount_options;
+  }
+  if (GetParam().transparent && !has_transparent_pages()) {
+    GTEST_SKIP() << "transparent huge pages are off on this machine";
   }
   for (int host = 0; host < 5; ++host) {
     SCOPED_TRACE("host " + std::to_string(host));
@@ -508,16 +565,21 @@ TEST_P(Storms, NoCallFailsAndHandlersRun) {
       hooks().fallocate = [](int mode, off64_t, off64_t) { return mode == 0 ? interrupted_by_then() : 0; };
       hooks().truncate = [](off64_t) { return interrupted_by_then(); };
       const SignalStorm storm(pthread_self());
-      live(GetParam().named ? mounted.path().c_str() : nullptr, 30);
+      live(is_mounted ? mounted.path().c_str() : nullptr, 30);
       EXPECT_GT(handled, 100);
+      for (const int signal : SignalStorm::kSignals) {
+        EXPECT_GT(handled_of[signal], 0) << strsignal(signal);
+      }
     });
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Storms,
-                         testing::Values(Kind{.name = "MemoryFile"}, Kind{.name = "NamedFile", .named = true},
-                                         Kind{.name = "HugePages", .explicit_pages = true}),
-                         [](const auto& tested) { return tested.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Of, Storms,
+    testing::Values(Kind{.name = "MemoryFile"}, Kind{.name = "NamedFile", .mount_options = "size=128m", .named = true},
+                    Kind{.name = "TouchedPages", .mount_options = "size=128m,huge=advise", .transparent = true},
+                    Kind{.name = "HugePages", .explicit_pages = true}),
+    [](const auto& tested) { return tested.param.name; });
 
 }  // namespace
 }  // namespace oxproc

@@ -90,7 +90,8 @@ std::optional<View> Blocks::allocate(Random& random, size_t space, uint64_t coun
     block.physical.push_back(physical_page(home.id, view.address + pages(i)));
   }
   _ledger.take(block);
-  stamp(home.views(view.address, count).front(), count, block.id, block.dense);
+  block.written_at = home.views(view.address, count).front();
+  stamp(block.written_at, count, block.id, block.dense);
   ++_tally.blocks;
   return view;
 }
@@ -131,6 +132,7 @@ void Blocks::check(const View& view) {
   }
   const std::vector<char*> seen_at = home.views(view.address, block.count);
   for (const char* address : seen_at) {
+    _tally.other_aliases += address != block.written_at ? 1 : 0;
     // Looking at every 4 KiB once is enough to see that a page is another one.
     const std::string difference = spoiled(address, block.count, block.id, block.dense && address == seen_at.back());
     if (!difference.empty()) {

@@ -22,6 +22,7 @@ struct Pages {
   const uint64_t count;
   const int account;
   const bool dense;                  // marked on every 4 KiB
+  char* written_at = nullptr;        // where the marks were written
   std::vector<int64_t> physical;     // page numbers, as the library told them first
   std::atomic<int> views{1};         // blocks of spaces that show the pages
   std::atomic<uint32_t> seen_in{0};  // bit n: space n has or had such a block and may not get another one
@@ -62,6 +63,14 @@ struct Tally {
   std::atomic<uint64_t> fixed{0};
   std::atomic<uint64_t> resized{0};
   std::atomic<uint64_t> looks{0};
+  std::atomic<uint64_t> other_aliases{0};  // marks found whole at another address than they were written at
+  std::atomic<uint64_t> grown{0};          // pages
+  std::atomic<uint64_t> shrunk{0};         // pages
+  std::atomic<uint64_t> touched{0};        // views of pages
+  std::atomic<uint64_t> populated{0};      // pages at aliases
+  std::atomic<uint64_t> prefilled{0};      // calls that had something to do
+  std::atomic<uint64_t> refreshed{0};      // pages
+  std::atomic<uint64_t> mapped_again{0};   // premapped pages
 };
 
 class Blocks {

@@ -14,6 +14,7 @@ namespace {
 // More than anything here can come to. A number that went below zero is larger.
 constexpr uint64_t kTooMuch = uint64_t{1} << 46;
 constexpr uint64_t kGrowthWhileFilling = 64;  // pages
+constexpr int32_t kMapped = 0x10000;          // in the protection of a page
 
 bool is_plausible(uint64_t bytes) {
   return bytes < kTooMuch && bytes % kPage == 0;
@@ -112,6 +113,15 @@ void Monitor::watch_totals() {
   expect(internal > 0 && static_cast<uint64_t>(internal) < kTooMuch, "internal usage");
 }
 
+// What is the same at any time.
+void Monitor::watch_constants() {
+  ox_pliv_fund_stats_buffer_t funds;
+  expect(ox_pmem_get_fund_stats_pliv(&funds, sizeof funds) == 0 && funds.fund_count == OX_PLIV_ACCOUNT_COUNT &&
+             funds.funds[0].maximum_bytes == funds.limits[0] && funds.limits[0] == funds.limits[1],
+         "funds without limits");
+  expect(ox_pmem_using_explicit_huge_pages_pliv() == 0 && ox_pmem_backing_storage_fd_pliv() >= 0, "the backing file");
+}
+
 // Also where blocks come and go just now.
 void Monitor::watch_any_address(Random& random) {
   const Space& space = _blocks.heap().spaces()[random() % _blocks.heap().spaces().size()];
@@ -121,6 +131,7 @@ void Monitor::watch_any_address(Random& random) {
   expect(page >= -1 && page < static_cast<int64_t>(_blocks.heap().max_pages()), "the page behind an address");
   const int64_t zone = ox_get_pzone_for_addr_within_space_pliv(space.id, reinterpret_cast<uintptr_t>(address));
   expect(zone >= -1 && zone < static_cast<int64_t>(_blocks.heap().zones().size()), "the zone behind an address");
+  expect((ox_page_prot_pliv(0, reinterpret_cast<uintptr_t>(address), 0) & kMapped) != 0, "an alias is always mapped");
 }
 
 void Monitor::step(Random& random) {
@@ -128,6 +139,7 @@ void Monitor::step(Random& random) {
   watch_zones();
   watch_spaces();
   watch_totals();
+  watch_constants();
   watch_any_address(random);
   const auto page = static_cast<int64_t>(random() % _blocks.heap().max_pages());
   const int64_t funded = ox_pmem_is_funded_pliv(page * static_cast<int64_t>(kPage));
@@ -159,6 +171,9 @@ void Resizer::step(Random& random, const Phase& phase) {
   if (!is_expected) {
     _blocks.problems().add("resizing answered " + std::to_string(result) + ": " + std::strerror(errno));
   }
+  if (result != -1) {
+    (shrink ? _blocks.tally().shrunk : _blocks.tally().grown) += partial ? static_cast<uint64_t>(result) : count;
+  }
   ++_blocks.tally().resized;
   rest(random, 2000);
 }
@@ -171,16 +186,21 @@ void pretouch(Random& random, Blocks& blocks) {
   if (waiting < 0 || static_cast<uint64_t>(waiting) > blocks.heap().max_pages()) {
     blocks.problems().add(std::to_string(waiting) + " pages wait to be touched");
   }
+  blocks.tally().touched += touched;
   rest(random, 2000);
 }
 
 void populate(Random& random, Blocks& blocks) {
+  uint64_t done = 0;
   for (const Space& space : blocks.heap().spaces()) {
+    const uint64_t all = space.premapped * space.aliases.size();
     const int64_t remaining = ox_populate_page_table_chunk_pliv(space.id, 1);
-    if (remaining < 0 || static_cast<uint64_t>(remaining) > space.premapped * space.aliases.size()) {
+    if (remaining < 0 || static_cast<uint64_t>(remaining) > all) {
       blocks.problems().add(std::to_string(remaining) + " pages of a space are to be populated");
     }
+    done += all - static_cast<uint64_t>(remaining);
   }
+  blocks.tally().populated = done;
   rest(random, 8000);
 }
 
@@ -194,6 +214,7 @@ void map_premapped_again(Random& random, Blocks& blocks) {
     const Alias& alias = space.aliases[random() % space.aliases.size()];
     const uint64_t count = between(random, 1, std::min<uint64_t>(space.premapped, 3));
     char* const address = alias.base + pages(random() % (space.premapped - count + 1));
+    ++blocks.tally().mapped_again;
     if (ox_multimap_within_space_pliv(space.id, address, pages(count), alias.protection, 0) != 0) {
       blocks.problems().add(std::string("mapping premapped pages: ") + std::strerror(errno));
     }
@@ -206,6 +227,7 @@ void refill(Random& random, Blocks& blocks) {
   if (remaining < 0 || static_cast<uint64_t>(remaining) > blocks.heap().max_pages()) {
     blocks.problems().add(std::to_string(remaining) + " initial pages remain");
   }
+  blocks.tally().prefilled += remaining > 0 ? 1 : 0;
   rest(random, 4000);
 }
 
@@ -214,6 +236,7 @@ void refresh(Blocks& blocks) {
   if (refreshed < 0 || static_cast<uint64_t>(refreshed) > pages(blocks.heap().max_pages())) {
     blocks.problems().add(std::to_string(refreshed) + " bytes were refreshed");
   }
+  blocks.tally().refreshed += static_cast<uint64_t>(refreshed) / kPage;
 }
 
 }  // namespace oxstress

@@ -85,6 +85,7 @@ class Monitor {
   void watch_zones();
   void watch_spaces();
   void watch_totals();
+  void watch_constants();
   void watch_any_address(Random& random);
   void expect(bool holds, const std::string& what);
 

@@ -29,6 +29,10 @@ struct Allowing {
   // A block that was freed while a list had no memory to take its pages back, or its addresses: they are in no list, and
   // the account goes on paying for such pages. What was not freed yet stays in use by nobody.
   bool lost_pages = false;
+  // So many pages lay in the caches of spaces that were unregistered: handed out, and no block of anybody.
+  unsigned long pages_lost_in_caches = 0;
+  // At most so many pages of ranges that were refused, since some of them were tracked already, count as internal usage.
+  unsigned long pages_tracked_in_vain = 0;
 
   bool operator==(const Allowing&) const = default;
 };

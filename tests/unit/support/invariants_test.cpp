@@ -384,5 +384,28 @@ TEST_F(InvariantsTest, UnregisteredSpace_KeepsSomeOfItsMemory) {
   EXPECT_EQ(broken_invariants({.drifted_references = true, .abandoned_spaces = true}), "");
 }
 
+TEST_F(InvariantsTest, UnregisteredSpace_LosesWhatItsCacheHolds_ToThePage) {
+  work();
+  const auto pages = static_cast<unsigned long>(cache().cached_size());
+  ASSERT_GT(pages, 0U);
+  ASSERT_EQ(ox_unregister_space_pliv(cached_space), 0);
+  Allowing allowing{.drifted_references = true, .abandoned_spaces = true};
+  EXPECT_THAT(broken_invariants(allowing), HasSubstr("handed out and lost"));
+  allowing.pages_lost_in_caches = pages - 1;
+  EXPECT_THAT(broken_invariants(allowing), HasSubstr("handed out and lost"));
+  allowing.pages_lost_in_caches = pages;
+  EXPECT_EQ(broken_invariants(allowing), "");
+}
+
+TEST_F(InvariantsTest, RangeTrackedInVain_CountsAsInternalUsage) {
+  char* const range = reserve(3);
+  ASSERT_EQ(munmap(range, 3 * kPage), 0);
+  ASSERT_EQ(ox_mreserve_pliv(range, 2 * kPage, 0), 0);
+  ASSERT_EQ(ox_munreserve_pliv(range, 2 * kPage, 0), 0);
+  ASSERT_EQ(ox_mreserve_pliv(range, 3 * kPage, 0), -1);
+  EXPECT_THAT(broken_invariants({.pages_tracked_in_vain = 2}), HasSubstr("internal usage"));
+  EXPECT_EQ(broken_invariants({.pages_tracked_in_vain = 3}), "");
+}
+
 }  // namespace
 }  // namespace oxtest
