@@ -104,7 +104,7 @@ TEST_F(Reservation, Mreserve_TrackedInItsSecondHalf_TracksTheFirst) {
   const auto usage = ox().get_internal_usage();
   EXPECT_EQ(ox().mreserve(place, pages(4), 0), -1);
   EXPECT_EQ(errno, EFAULT);
-  EXPECT_EQ(ox().get_internal_usage(), usage + 2 * 16);
+  EXPECT_EQ(ox().get_internal_usage(), usage + 4 * 16);
   EXPECT_EQ(protection_of(place), 0x80000);
 
   ASSERT_EQ(ox().mreserve(place, pages(4), kNoTracking), 0);
