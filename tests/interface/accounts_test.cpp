@@ -29,6 +29,23 @@ TEST_F(Accounts, Creation_WithAPartialResultAllowed_AnswersZero) {
   EXPECT_EQ(account_words(3), account_of(3, {4, 4, 4, 0, 0, 0, 4}));
 }
 
+TEST_F(Accounts, FirstAndLastAccount_PayAndAreCredited) {
+  start(8, 16);
+  zone(0, 8, 16);
+  const long id = space(16, 0, 0, 0);
+  alias(id, 16);
+  for (const int account : {0, OX_PLIV_ACCOUNT_COUNT - 1}) {
+    SCOPED_TRACE(account);
+    ASSERT_EQ(ox().pmem_set_account_maximum(kAny, static_cast<unsigned>(account), pages(4)), 0);
+    ASSERT_EQ(ox().pmem_fund_account(kAny, account, pages(2)), 0);
+    char* const two = allocate(id, 2, account);
+    EXPECT_EQ(account_words(account)[3], pages(2));
+    ASSERT_EQ(ox().pmem_set_accounts_to_credit(kAny, account, static_cast<uint64_t>(account) | 0xFF00), 0);
+    ASSERT_EQ(release(id, two, 2, account), 0);
+    EXPECT_EQ(account_words(account)[0], pages(2));
+  }
+}
+
 TEST_F(Accounts, AccountWord_OnlyTheLowByteCountsWithThePartialBit) {
   start(8, 16);
   EXPECT_EQ(ox().pmem_fund_account(kAny, kPartial | 0x7F00 | 4, pages(2)), 0);

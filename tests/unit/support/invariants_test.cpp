@@ -207,6 +207,7 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
   };
   const unsigned long lowest = runs.free_list()->alloc_block(1);
   runs.free_list()->free_block(lowest, 1);
+  PMEM_PageInfo& listed = *PMEM_PageInfo::page_info(static_cast<long>(lowest));
 
   const std::vector<Break> breaks = {
       {"zone 0: fund cursor outside the initial pages", [&] { queue_zone.increment_fund_cursor(kZone); },
@@ -219,6 +220,8 @@ TEST_F(InvariantsTest, WhatIsBrokenByHand_IsNamed) {
       {"zone 0: page queue is a circle", [&] { tail->set_next(queue.head()); }, [&] { tail->set_next(nullptr); }},
       {"zone 1: free pages differ from those in the free ranges", [&] { runs.increment_free_pages(1); },
        [&] { runs.decrement_free_pages(1); }},
+      {"zone 1: free pages differ from those in the free ranges", [&] { listed.mark_disallowed(); },
+       [&] { listed.mark_not_funded(); }},
       {"in 0 places", [&] { runs.free_list()->alloc_specific(lowest, 1); },
        [&] { runs.free_list()->free_block(lowest, 1); }},
       {"defunded pages differ", [&] { queue.increment_defunded_pages(1); }, [&] { queue.decrement_defunded_pages(1); }},

@@ -352,6 +352,28 @@ TEST_F(SpaceManagerTest, Allocate_AliasOutOfRange_EinvalNothingTaken) {
   EXPECT_EQ(books_of(2), before);
 }
 
+TEST_F(SpaceManagerTest, BlockOfMorePagesThanRecordsCount_RefusedNothingTaken) {
+  constexpr unsigned long kTooLarge = (1UL << 31) * kPage;
+  set_up(*space, {.premapped = 4, .map_all = true});
+  add_alias(*space);
+  const Books before = books_of(2);
+  errno = 0;
+  EXPECT_EQ(space->allocate(0, kTooLarge, 2), kNoAddress);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(books_of(2), before);
+
+  void* const block = space->allocate(0, kPage, 2);
+  ASSERT_NE(block, kNoAddress);
+  errno = 0;
+  EXPECT_EQ(space->free(block, kTooLarge + kPage, 2), kFailed);  // whose low half would be right
+  EXPECT_EQ(errno, EFAULT);
+  errno = 0;
+  EXPECT_EQ(space->multimap_from_space(space, block, kTooLarge, 0), kNoAddress);
+  EXPECT_EQ(errno, EFAULT);
+  EXPECT_EQ(space->free(block, kPage, 2), 0);
+  EXPECT_EQ(books_of(2), before);
+}
+
 TEST_F(SpaceManagerTest, Allocate_AliasAtNull_Dies) {
   set_up(*space, {});
   ASSERT_EQ(space->register_space_alias(nullptr, kReadWrite, true, false), 0);
