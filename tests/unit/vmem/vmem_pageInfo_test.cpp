@@ -315,10 +315,13 @@ TEST_F(PageInfoTest, SetBlockSize_WritesNegatedOffsetsBehindAndNothingElse) {
 // ---- runs ---------------------------------------------------------------------------------------------------------
 
 TEST_F(PageInfoTest, PmemPageWithinMap_InsideRun_AddsTheSteps) {
+  base_record(0, 2)->change_state_to_allocated(70, 2);
   base_record(2, 4)->change_state_to_allocated(40, 4);
   for (long step = 0; step < 4; ++step) {
     EXPECT_EQ(_table.pmem_page_within_map(2 + step), 40 + step);
   }
+  EXPECT_EQ(_table.pmem_page_within_map(0), 70) << "the table's first record may begin a run";
+  EXPECT_EQ(_table.pmem_page_within_map(1), 71);
 }
 
 TEST_F(PageInfoTest, PmemPageWithinMap_BeyondTheRunBefore_AnswersMinusOne) {
