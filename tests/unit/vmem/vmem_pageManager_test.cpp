@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <set>
 #include <string>
 #include <thread>
@@ -142,6 +143,19 @@ TEST_F(PageManagerBareTest, Initialize_SecondCall_EinvalAndUnchanged) {
   EXPECT_EQ(manager.allocator(), allocator);
   EXPECT_FALSE(manager.is_premapped_page(4));
   EXPECT_EQ(InternalMemoryUsage::get_internal_usage(), usage);
+}
+
+TEST_F(PageManagerBareTest, Initialize_MorePagesThanCanBeCounted_EnomemWithoutATable) {
+  constexpr long kMost = std::numeric_limits<int>::max();
+  for (const long pages : {kMost, kMost + 1}) {
+    SCOPED_TRACE(pages);
+    VMEM_PageManager manager;
+    Faults::fail(Call::mmap64, EPERM);  // the table of so many would be large
+    errno = 0;
+    EXPECT_EQ(manager.initialize(pages, 0), -1);
+    EXPECT_EQ(errno, pages == kMost ? EPERM : ENOMEM);
+    Faults::reset();
+  }
 }
 
 TEST_F(PageManagerBareTest, Initialize_FailingStep_AnswersItAndStaysMarked) {
@@ -1275,8 +1289,14 @@ TEST_F(PageManagerTest, AddActiveRefCount_AllPagesOfTheBlockTogether) {
   const auto premapped = manager(kPages, 24, {runs});
   const auto run = manager(kPages, 0, {runs});
   const auto single = manager(kPages, 0, {singles});
-  for (VMEM_PageManager* const made : {premapped.get(), run.get(), single.get()}) {
-    void* const block = allocate(*made, 3);
+  const unsigned char holes = zone(kSpare, 8, true);
+  ASSERT_EQ(PMEM::allocate_pages(8, kAccount, holes), kSpare);
+  for (const long page : {kSpare + 1, kSpare + 3, kSpare + 6}) {
+    ASSERT_EQ(PMEM::free_pages(page, 1, kAccount), 0);
+  }
+  const auto apart = manager(kPages, 0, {holes});
+  for (VMEM_PageManager* const made : {premapped.get(), run.get(), single.get(), apart.get()}) {
+    auto* const block = static_cast<char*>(allocate(*made, 3));
     const auto before = world(*made, kPages);
     EXPECT_EQ(made->add_active_ref_count(_space.base(), block, 3, 3), 3);
     EXPECT_EQ(made->add_active_ref_count(_space.base(), block, 3, -2), 1);
@@ -1288,6 +1308,9 @@ TEST_F(PageManagerTest, AddActiveRefCount_AllPagesOfTheBlockTogether) {
       changed += delta;
     }
     EXPECT_EQ(changed, 3U);
+    for (char* page = block; page < block + 3 * kPage; page += kPage) {
+      EXPECT_EQ(PMEM::active_ref_count_for_page(made->get_bs_offset_of_mapped_page(_space.base(), page) >> 21), 1);
+    }
     EXPECT_EQ(made->add_active_ref_count(_space.base(), block, 3, -1), 0);
     expect_same(before, world(*made, kPages));
     errno = 0;
