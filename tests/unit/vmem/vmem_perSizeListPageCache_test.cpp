@@ -206,6 +206,13 @@ TEST_F(PageCacheTest, FlushCache_LimitOfOnePage_FreesTheWholeBlock) {
   EXPECT_EQ(_cache.allocate_block_from_cache(4), -1);
 }
 
+TEST_F(PageCacheTest, FlushCache_OnePageIsAFlushToo) {
+  cache_block(1);
+  const auto before = state();
+  EXPECT_EQ(_cache.flush_cache(kAll), 0);
+  EXPECT_EQ(state().full_flushes - before.full_flushes, 1U);
+}
+
 TEST_F(PageCacheTest, FlushCache_LargestBlocksFirstUntilTheLimitIsReached) {
   struct Case {
     unsigned long limit;
